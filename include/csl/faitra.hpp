@@ -14,3 +14,7 @@
 #include <csl/fs_cache.hpp>
 #include <csl/fs_entry.hpp>
 #include <csl/utils/recursive_shared_mutex.hpp>
+#include <csl/fs_events.hpp>
+
+#include <cdl/impl/task_mapping.hpp>
+#include <cdl/task_ptr.hpp>
