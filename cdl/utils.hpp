@@ -30,6 +30,13 @@ To numeric_cast(From value) {
 template <typename T>
 T from_str(const std::string& text, unsigned long* position = nullptr, unsigned long base = 10);
 
+// Text converts to itself.
+template <>
+inline std::string from_str<std::string>(const std::string& text, unsigned long* position, unsigned long) {
+  if (position != nullptr) *position = text.size();
+  return text;
+}
+
 template <>
 inline unsigned long from_str<unsigned long>(const std::string& text, unsigned long* position,
                                              unsigned long base) {

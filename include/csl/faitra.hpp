@@ -18,3 +18,7 @@
 
 #include <cdl/impl/task_mapping.hpp>
 #include <cdl/task_ptr.hpp>
+#include <csl/fs_reader.hpp>
+#include <csl/fs_tracker.hpp>
+
+#include <cdl/validation.hpp>
