@@ -16,6 +16,9 @@
 
 #include <cdl/exception.hpp>
 #include <cdl/task_ptr.hpp>
+// The declarations this header defines members of; that header includes this
+// one at its end, so either may be included first.
+#include <cdl/task_system.hpp>
 
 #include <functional>
 #include <limits>

@@ -22,3 +22,7 @@
 #include <csl/fs_tracker.hpp>
 
 #include <cdl/validation.hpp>
+#include <csl/fs_cleaner.hpp>
+#include <csl/fs_storage.hpp>
+
+#include <cdl/ref_guard.hpp>

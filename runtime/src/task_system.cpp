@@ -66,6 +66,13 @@ size_t task_dispatcher::handler_count(const task_type& type, unsigned long versi
   return it == _entries.end() ? 0 : it->second.handlers.size();
 }
 
+std::vector<std::shared_ptr<task_mapping_base>> task_dispatcher::handlers(const task_type& type,
+                                                                          unsigned long version) const {
+  std::lock_guard<std::mutex> lock(_mutex);
+  const auto it = _entries.find(key_type(type, version));
+  return it == _entries.end() ? std::vector<std::shared_ptr<task_mapping_base>>() : it->second.handlers;
+}
+
 // ---------------------------------------------------------------------------
 // task_channel
 

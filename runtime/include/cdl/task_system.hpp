@@ -118,8 +118,11 @@ class task_dispatcher {
 
   // Runs every matching handler on the calling thread (the worker's).
   void dispatch(task_ptr<task>& task, core& core, const std::string& group_name);
-  // Number of handlers that would receive a task of this type and version.
+  // Number of handlers registered for exactly this type and version.
   size_t handler_count(const task_type& type, unsigned long version) const;
+  // A snapshot of the handlers registered for exactly this type and version,
+  // in running order (empty when none is registered).
+  std::vector<std::shared_ptr<task_mapping_base>> handlers(const task_type& type, unsigned long version) const;
 
   // Process-wide registration sequence; incremented without synchronisation.
   static unsigned long counter;
