@@ -130,8 +130,7 @@ bool fs_cleaner::should_start_cleanup() {
   const bool result = !in_progress && cache_size != 0 && percent >= _trigger;
   if (_verbose && _log != nullptr) {
     _log->debug(
-        "should_start_cleanup(): disk_usage: %lu, disk_total: %lu, cleanup_in_progress: %lu, cache_size: %lu, "
-        "percent: %0.2f%%, trigger: %0.2f%%: %lu",
+        "should_start_cleanup(): disk_usage: %lu, disk_total: %lu, cleanup_in_progress: %lu, cache_size: %lu, percent: %0.2f%%, trigger: %0.2f%%: %lu",  // NOLINT(whitespace/line_length): one text, kept greppable
         usage, total, static_cast<unsigned long>(in_progress), cache_size, percent, _trigger,
         static_cast<unsigned long>(result));
   }
@@ -144,8 +143,7 @@ bool fs_cleaner::should_continue_cleanup(unsigned long est_disk_usage, unsigned 
   const bool result = cache_size != 0 && percent >= _stop;
   if (_verbose && _log != nullptr) {
     _log->debug(
-        "should_continue_cleanup(): est_disk_usage: %lu, est_disk_total: %lu, cache_size: %lu, percent: %0.2f%%, "
-        "stop: %0.2f%%: %lu",
+        "should_continue_cleanup(): est_disk_usage: %lu, est_disk_total: %lu, cache_size: %lu, percent: %0.2f%%, stop: %0.2f%%: %lu",  // NOLINT(whitespace/line_length): one text, kept greppable
         est_disk_usage, est_disk_total, cache_size, percent, _stop, static_cast<unsigned long>(result));
   }
   return result;
