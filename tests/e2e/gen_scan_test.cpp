@@ -1,0 +1,451 @@
+// `faitra gen` and `faitra scan`, run as the real binary on real directories:
+// gen's files are parsed back as pcap and checked against their extended
+// attributes; scan's JSON lines are parsed and checked against the files.
+#include "support/temp_dir.hpp"
+#include "support/wait.hpp"
+
+#include <gtest/gtest.h>
+#include <rapidjson/document.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using faitra_test::temp_dir;
+
+std::string read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+struct run_result {
+  int status = -1;  // exit status, or -1 when killed by a signal
+  std::string out;
+  std::string err;
+};
+
+// Starts the faitra binary with `args`; its standard output and error go to
+// files in `scratch`.
+pid_t spawn(const std::vector<std::string>& args, const std::string& scratch) {
+  std::vector<char*> argv;
+  std::string binary = FAITRA_BINARY;
+  argv.push_back(binary.data());
+  std::vector<std::string> copies = args;
+  for (std::string& a : copies) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  const std::string out = scratch + "/stdout";
+  const std::string err = scratch + "/stderr";
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    const int o = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    const int e = ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (o < 0 || e < 0 || ::dup2(o, 1) < 0 || ::dup2(e, 2) < 0) ::_exit(127);
+    ::execv(argv[0], argv.data());
+    ::_exit(127);
+  }
+  return pid;
+}
+
+run_result finish(pid_t pid, const std::string& scratch) {
+  run_result result;
+  int status = 0;
+  if (::waitpid(pid, &status, 0) == pid && WIFEXITED(status)) result.status = WEXITSTATUS(status);
+  result.out = read_file(scratch + "/stdout");
+  result.err = read_file(scratch + "/stderr");
+  return result;
+}
+
+run_result run(const std::vector<std::string>& args) {
+  temp_dir scratch("faitra-e2e-out");
+  return finish(spawn(args, scratch.path()), scratch.path());
+}
+
+std::string xattr(const std::string& path, const std::string& name) {
+  char buffer[256];
+  const ssize_t n = ::getxattr(path.c_str(), name.c_str(), buffer, sizeof(buffer));
+  return n < 0 ? std::string("<absent>") : std::string(buffer, static_cast<size_t>(n));
+}
+
+uint64_t xattr_number(const std::string& path, const std::string& name) {
+  return std::stoull(xattr(path, name));
+}
+
+std::vector<std::string> files_in(const std::string& dir) {
+  std::vector<std::string> files;
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) files.push_back(entry.path().string());
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+std::string fnv1a64_hex(const std::string& bytes) {
+  uint64_t hash = 0xcbf29ce484222325ULL;
+  for (unsigned char c : bytes) {
+    hash ^= c;
+    hash *= 0x100000001b3ULL;
+  }
+  char text[17];
+  std::snprintf(text, sizeof(text), "%016llx", static_cast<unsigned long long>(hash));
+  return text;
+}
+
+template <typename T>
+T host_value(const std::string& bytes, size_t offset) {
+  T value{};
+  std::memcpy(&value, bytes.data() + offset, sizeof(T));
+  return value;
+}
+
+struct pcap_summary {
+  uint64_t first_ns = 0;
+  uint64_t last_ns = 0;
+  size_t packets = 0;
+};
+
+// Parses a whole nanosecond pcap file; fails the test on any defect.
+pcap_summary parse_pcap(const std::string& path) {
+  pcap_summary summary;
+  const std::string bytes = read_file(path);
+  EXPECT_GE(bytes.size(), 24u) << path;
+  if (bytes.size() < 24) return summary;
+  EXPECT_EQ(host_value<uint32_t>(bytes, 0), 0xa1b23c4du) << path;
+  EXPECT_EQ(host_value<uint16_t>(bytes, 4), 2u);
+  EXPECT_EQ(host_value<uint16_t>(bytes, 6), 4u);
+  const uint32_t snaplen = host_value<uint32_t>(bytes, 16);
+  EXPECT_GE(snaplen, 1514u);
+  EXPECT_EQ(host_value<uint32_t>(bytes, 20), 1u) << "link type Ethernet";
+  size_t offset = 24;
+  uint64_t previous = 0;
+  while (offset < bytes.size()) {
+    if (bytes.size() - offset < 16) {
+      ADD_FAILURE() << path << ": truncated record header at " << offset;
+      break;
+    }
+    const uint64_t ts = host_value<uint32_t>(bytes, offset) * 1000000000ULL + host_value<uint32_t>(bytes, offset + 4);
+    EXPECT_LT(host_value<uint32_t>(bytes, offset + 4), 1000000000u);
+    const uint32_t included = host_value<uint32_t>(bytes, offset + 8);
+    EXPECT_EQ(included, host_value<uint32_t>(bytes, offset + 12));
+    EXPECT_GE(included, 42u);
+    EXPECT_LE(included, snaplen);
+    if (summary.packets == 0) {
+      summary.first_ns = ts;
+    } else {
+      EXPECT_GT(ts, previous) << path << ": packet " << summary.packets;
+    }
+    const size_t frame = offset + 16;
+    if (bytes.size() - frame < included) {
+      ADD_FAILURE() << path << ": truncated packet at " << offset;
+      break;
+    }
+    EXPECT_EQ(static_cast<unsigned char>(bytes[frame + 12]), 0x08) << "IPv4 ethertype";
+    EXPECT_EQ(static_cast<unsigned char>(bytes[frame + 14]), 0x45) << "IPv4 header";
+    EXPECT_EQ(static_cast<unsigned char>(bytes[frame + 23]), 17) << "UDP";
+    previous = ts;
+    summary.last_ns = ts;
+    ++summary.packets;
+    offset = frame + included;
+  }
+  return summary;
+}
+
+const uint64_t START_S = 1700000000;
+const uint64_t START_NS = START_S * 1000000000ULL;
+
+run_result gen(const std::string& dir, unsigned count, const std::string& size = "64K",
+               std::vector<std::string> extra = {}) {
+  std::vector<std::string> args = {"gen", dir, "--count", std::to_string(count), "--size", size, "--rate", "0",
+                                   "--start-time", std::to_string(START_S) + "s"};
+  args.insert(args.end(), extra.begin(), extra.end());
+  return run(args);
+}
+
+std::vector<std::string> lines_of(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+TEST(Gen, WritesValidCapturesWhoseAttributesMatchTheirContent) {
+  temp_dir dir("faitra-e2e");
+  const run_result r = gen(dir.path(), 4);
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(lines_of(r.out).size(), 4u) << r.out;
+
+  const std::vector<std::string> files = files_in(dir.path());
+  ASSERT_EQ(files.size(), 4u);
+  uint64_t previous_end = 0;
+  for (size_t i = 0; i < files.size(); ++i) {
+    const std::string& path = files[i];
+    SCOPED_TRACE(path);
+    EXPECT_EQ(std::filesystem::file_size(path), 65536u);
+    EXPECT_EQ(path.substr(path.size() - 5), ".pcap");
+    const pcap_summary pcap = parse_pcap(path);
+    EXPECT_GT(pcap.packets, 1u);
+    EXPECT_EQ(xattr_number(path, "user.pcap_start_ts"), pcap.first_ns);
+    EXPECT_EQ(xattr_number(path, "user.pcap_end_ts"), pcap.last_ns);
+    EXPECT_EQ(xattr_number(path, "user.pcap_creation_ts"), pcap.first_ns / 1000000000ULL);
+    EXPECT_EQ(xattr(path, "user.pcap_hash"), fnv1a64_hex(read_file(path)));
+    // Path order is time order, and the files follow one another.
+    if (i == 0) {
+      EXPECT_EQ(pcap.first_ns, START_NS);
+    } else {
+      EXPECT_GT(pcap.first_ns, previous_end);
+    }
+    previous_end = pcap.last_ns;
+  }
+  EXPECT_NE(xattr(files[0], "user.pcap_hash"), xattr(files[1], "user.pcap_hash"));
+}
+
+TEST(Gen, HonoursSizeSuffixesPrefixAndOddSizes) {
+  temp_dir dir("faitra-e2e");
+  ASSERT_EQ(gen(dir.path(), 1, "1M", {"--prefix", "big", "--quiet"}).status, 0);
+  ASSERT_EQ(gen(dir.path(), 1, "1001", {"--prefix", "odd"}).status, 0);
+  ASSERT_EQ(gen(dir.path(), 1, "100", {"--prefix", "tiny"}).status, 0);
+  const std::vector<std::string> files = files_in(dir.path());
+  ASSERT_EQ(files.size(), 3u);
+  std::map<std::string, uint64_t> sizes;
+  for (const std::string& path : files) {
+    sizes[std::filesystem::path(path).filename().string().substr(0, 3)] = std::filesystem::file_size(path);
+    const pcap_summary pcap = parse_pcap(path);
+    EXPECT_EQ(xattr_number(path, "user.pcap_end_ts"), pcap.last_ns) << path;
+    EXPECT_EQ(xattr(path, "user.pcap_hash"), fnv1a64_hex(read_file(path))) << path;
+  }
+  EXPECT_EQ(sizes["big"], 1048576u);
+  EXPECT_EQ(sizes["odd"], 1001u);
+  EXPECT_EQ(sizes["tin"], 100u);
+}
+
+TEST(Gen, RefusesBadArgumentsAndMissingDirectory) {
+  temp_dir dir("faitra-e2e");
+  EXPECT_NE(gen(dir.path(), 1, "99").status, 0);
+  EXPECT_NE(gen(dir.path(), 1, "12X").status, 0);
+  EXPECT_NE(run({"gen", dir.path(), "--start-time", "soon"}).status, 0);
+  EXPECT_TRUE(files_in(dir.path()).empty());
+
+  const run_result missing = gen(dir.file("absent"), 1);
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_NE(missing.err.find(dir.file("absent")), std::string::npos) << missing.err;
+  EXPECT_NE(missing.err.find("No such file or directory"), std::string::npos) << missing.err;
+}
+
+TEST(Gen, StopsAfterTheCurrentFileOnSigterm) {
+  temp_dir dir("faitra-e2e");
+  temp_dir scratch("faitra-e2e-out");
+  const pid_t pid = spawn({"gen", dir.path(), "--count", "0", "--rate", "100", "--size", "256K", "--quiet"},
+                          scratch.path());
+  ASSERT_GT(pid, 0);
+  ASSERT_TRUE(faitra_test::wait_until([&] { return files_in(dir.path()).size() >= 3; }));
+  ASSERT_EQ(::kill(pid, SIGTERM), 0);
+  const run_result r = finish(pid, scratch.path());
+  EXPECT_EQ(r.status, 0) << r.err;
+  // No file is left half written or without its attributes.
+  const std::vector<std::string> files = files_in(dir.path());
+  ASSERT_GE(files.size(), 3u);
+  for (const std::string& path : files) {
+    EXPECT_EQ(std::filesystem::file_size(path), 262144u) << path;
+    EXPECT_EQ(xattr(path, "user.pcap_hash"), fnv1a64_hex(read_file(path))) << path;
+    EXPECT_EQ(xattr_number(path, "user.pcap_end_ts"), parse_pcap(path).last_ns) << path;
+  }
+}
+
+TEST(Gen, DropsCapturesThatDoNotFitAndGoesOn) {
+  faitra_test::tmpfs_mount fs(3UL << 20);
+  if (!fs.mounted()) GTEST_SKIP() << fs.reason();
+  const run_result r = gen(fs.path(), 5, "1M");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.err.find("dropped"), std::string::npos) << r.err;
+  const std::vector<std::string> files = files_in(fs.path());
+  EXPECT_GE(files.size(), 1u);
+  EXPECT_LT(files.size(), 5u);
+  for (const std::string& path : files) {
+    EXPECT_EQ(std::filesystem::file_size(path), 1048576u) << path;
+    EXPECT_EQ(xattr(path, "user.pcap_hash"), fnv1a64_hex(read_file(path))) << path;
+  }
+}
+
+struct json_record {
+  std::string path;
+  bool key_null = true;
+  std::string key;
+  uint64_t creation_ts = 0;
+  bool start_null = true;
+  uint64_t start_ts = 0;
+  bool end_null = true;
+  uint64_t end_ts = 0;
+  uint64_t file_size = 0;
+  bool pending_deletion = true;
+};
+
+// Parses one line of scan output; fails the test unless it is a complete
+// record with the members in the record's order.
+json_record parse_record(const std::string& line) {
+  json_record r;
+  rapidjson::Document doc;
+  doc.Parse(line.c_str());
+  EXPECT_FALSE(doc.HasParseError()) << line;
+  EXPECT_TRUE(doc.IsObject()) << line;
+  if (doc.HasParseError() || !doc.IsObject()) return r;
+  const char* order[] = {"path", "key", "creation_ts", "start_ts", "end_ts", "file_size", "pending_deletion"};
+  EXPECT_EQ(doc.MemberCount(), 7u) << line;
+  size_t i = 0;
+  for (auto it = doc.MemberBegin(); it != doc.MemberEnd() && i < 7; ++it, ++i) {
+    EXPECT_STREQ(it->name.GetString(), order[i]) << line;
+  }
+  if (doc.MemberCount() != 7) return r;
+  r.path = doc["path"].GetString();
+  r.key_null = doc["key"].IsNull();
+  if (!r.key_null) r.key = doc["key"].GetString();
+  r.creation_ts = doc["creation_ts"].GetUint64();
+  r.start_null = doc["start_ts"].IsNull();
+  if (!r.start_null) r.start_ts = doc["start_ts"].GetUint64();
+  r.end_null = doc["end_ts"].IsNull();
+  if (!r.end_null) r.end_ts = doc["end_ts"].GetUint64();
+  r.file_size = doc["file_size"].GetUint64();
+  r.pending_deletion = doc["pending_deletion"].GetBool();
+  return r;
+}
+
+std::vector<json_record> records_of(const std::string& out) {
+  std::vector<json_record> records;
+  for (const std::string& line : lines_of(out)) records.push_back(parse_record(line));
+  return records;
+}
+
+void expect_matches_file(const json_record& r) {
+  SCOPED_TRACE(r.path);
+  ASSERT_FALSE(r.key_null);
+  EXPECT_EQ(r.key, xattr(r.path, "user.pcap_hash"));
+  EXPECT_EQ(r.key, fnv1a64_hex(read_file(r.path)));
+  ASSERT_FALSE(r.start_null);
+  ASSERT_FALSE(r.end_null);
+  EXPECT_EQ(r.start_ts, xattr_number(r.path, "user.pcap_start_ts"));
+  EXPECT_EQ(r.end_ts, xattr_number(r.path, "user.pcap_end_ts"));
+  EXPECT_EQ(r.creation_ts, xattr_number(r.path, "user.pcap_creation_ts"));
+  EXPECT_EQ(r.file_size, std::filesystem::file_size(r.path));
+  EXPECT_FALSE(r.pending_deletion);
+}
+
+TEST(Scan, ListsEveryCaptureInPathOrderAsRecords) {
+  temp_dir dir("faitra-e2e");
+  ASSERT_EQ(gen(dir.path(), 5, "8K").status, 0);
+  // Not captures: another suffix, and a subdirectory (never recursed into).
+  faitra_test::write_file(dir.file("notes.txt"), 10);
+  std::filesystem::create_directory(dir.file("sub.pcap.d"));
+  ASSERT_EQ(gen(dir.file("sub.pcap.d"), 1, "8K").status, 0);
+  // A capture the writer has not finished: no attributes yet.
+  faitra_test::write_file(dir.file("zz-unfinished.pcapng"), 300);
+
+  const run_result r = run({"scan", dir.path() + "/"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.err, "");
+  const std::vector<json_record> records = records_of(r.out);
+  ASSERT_EQ(records.size(), 6u) << r.out;
+
+  std::vector<std::string> expected;
+  for (const std::string& path : files_in(dir.path())) {
+    if (path.ends_with(".pcap") || path.ends_with(".pcapng")) expected.push_back(path);
+  }
+  std::vector<std::string> listed;
+  for (const json_record& record : records) listed.push_back(record.path);
+  EXPECT_EQ(listed, expected);
+
+  for (size_t i = 0; i < 5; ++i) expect_matches_file(records[i]);
+  const json_record& unfinished = records[5];
+  EXPECT_TRUE(unfinished.key_null);
+  EXPECT_TRUE(unfinished.start_null);
+  EXPECT_TRUE(unfinished.end_null);
+  EXPECT_EQ(unfinished.file_size, 300u);
+  EXPECT_GT(unfinished.creation_ts, 0u) << "the modification time stands in";
+}
+
+TEST(Scan, SkipsAndReportsAFileWithAMalformedAttribute) {
+  temp_dir dir("faitra-e2e");
+  ASSERT_EQ(gen(dir.path(), 4, "4K").status, 0);
+  const std::vector<std::string> files = files_in(dir.path());
+  ASSERT_EQ(files.size(), 4u);
+  faitra_test::set_xattr(files[1], "user.pcap_start_ts", "yesterday");
+  faitra_test::set_xattr(files[2], "user.pcap_creation_ts", "99999999999999999999999");
+
+  const run_result r = run({"scan", dir.path()});
+  ASSERT_EQ(r.status, 0) << r.err;
+  const std::vector<json_record> records = records_of(r.out);
+  ASSERT_EQ(records.size(), 2u) << r.out;
+  EXPECT_EQ(records[0].path, files[0]);
+  EXPECT_EQ(records[1].path, files[3]);
+  for (const json_record& record : records) expect_matches_file(record);
+  // One line per skipped file, naming it and the cause (in directory order).
+  const std::vector<std::string> errors = lines_of(r.err);
+  ASSERT_EQ(errors.size(), 2u) << r.err;
+  const bool first_is_start = errors[0].find(files[1]) != std::string::npos;
+  const std::string& start_line = first_is_start ? errors[0] : errors[1];
+  const std::string& creation_line = first_is_start ? errors[1] : errors[0];
+  EXPECT_NE(start_line.find(files[1] + ":"), std::string::npos) << r.err;
+  EXPECT_NE(start_line.find("yesterday"), std::string::npos) << r.err;
+  EXPECT_NE(creation_line.find(files[2] + ":"), std::string::npos) << r.err;
+  EXPECT_NE(creation_line.find("99999999999999999999999"), std::string::npos) << r.err;
+}
+
+TEST(Scan, MergesSeveralDirectoriesInPathOrder) {
+  temp_dir parent("faitra-e2e");
+  // "a-b/..." sorts before "a/..." although "a" < "a-b".
+  std::filesystem::create_directory(parent.file("a"));
+  std::filesystem::create_directory(parent.file("a-b"));
+  ASSERT_EQ(gen(parent.file("a"), 2, "4K").status, 0);
+  ASSERT_EQ(gen(parent.file("a-b"), 2, "4K").status, 0);
+
+  const run_result r = run({"scan", parent.file("a"), parent.file("a-b"), parent.file("a")});
+  ASSERT_EQ(r.status, 0) << r.err;
+  const std::vector<json_record> records = records_of(r.out);
+  ASSERT_EQ(records.size(), 4u) << r.out;
+  std::vector<std::string> listed;
+  for (const json_record& record : records) listed.push_back(record.path);
+  EXPECT_TRUE(std::is_sorted(listed.begin(), listed.end()));
+  EXPECT_EQ(listed[0].rfind(parent.file("a-b/"), 0), 0u) << listed[0];
+  EXPECT_EQ(listed[3].rfind(parent.file("a/"), 0), 0u) << listed[3];
+  for (const json_record& record : records) expect_matches_file(record);
+}
+
+TEST(Scan, SuffixOptionsReplaceTheDefault) {
+  temp_dir dir("faitra-e2e");
+  ASSERT_EQ(gen(dir.path(), 1, "4K").status, 0);
+  faitra_test::write_file(dir.file("one.cap"), 10);
+  faitra_test::write_file(dir.file("two.dump"), 10);
+
+  const run_result r = run({"scan", "--suffix", ".cap", "--suffix", ".dump", dir.path()});
+  ASSERT_EQ(r.status, 0) << r.err;
+  const std::vector<json_record> records = records_of(r.out);
+  ASSERT_EQ(records.size(), 2u) << r.out;
+  EXPECT_EQ(records[0].path, dir.file("one.cap"));
+  EXPECT_EQ(records[1].path, dir.file("two.dump"));
+}
+
+TEST(Scan, FailsClearlyOnAMissingDirectory) {
+  temp_dir dir("faitra-e2e");
+  const run_result r = run({"scan", dir.path(), dir.file("nowhere")});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, "");
+  EXPECT_NE(r.err.find(dir.file("nowhere")), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("No such file or directory"), std::string::npos) << r.err;
+
+  faitra_test::write_file(dir.file("plain.pcap"), 10);
+  const run_result file = run({"scan", dir.file("plain.pcap")});
+  EXPECT_EQ(file.status, 1);
+  EXPECT_NE(file.err.find("not a directory"), std::string::npos) << file.err;
+}
+
+}  // namespace
