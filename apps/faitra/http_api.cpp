@@ -1,0 +1,514 @@
+#include "http_api.hpp"
+
+#include <cdl/exception.hpp>
+#include <cdl/json_values.hpp>
+#include <cdl/json_writer.hpp>
+#include <cdl/text.hpp>
+#include <cdl/utils.hpp>
+
+#include <rapidjson/document.h>
+#include <rapidjson/error/en.h>
+
+#include <cstdio>
+#include <functional>
+#include <limits>
+#include <set>
+#include <vector>
+
+namespace faitra_cli {
+
+namespace {
+
+constexpr unsigned long NS_PER_SECOND = 1000000000UL;
+const char* const JSON_TYPE = "application/json";
+
+using handler = std::function<void(const httplib::Request&, httplib::Response&)>;
+
+// The paths the API serves, for telling "unknown path" from "wrong method".
+const std::set<std::string> KNOWN_PATHS = {
+    "/v1/captures",     "/v1/captures/lookup",         "/v1/storage", "/v1/cleanup/age",
+    "/v1/cleanup/metadata", "/v1/cleanup/metadata/automatic", "/v1/status", "/v1/reconcile",
+    "/metrics",
+};
+
+std::string error_json(const std::string& message) {
+  cdl::json_writer w;
+  w.begin_object();
+  w.key("error", true);
+  w.value<std::string>(message);
+  w.end_object();
+  return w.take();
+}
+
+void send_error(httplib::Response& res, int status, const std::string& message) {
+  res.status = status;
+  res.set_content(error_json(message), JSON_TYPE);
+}
+
+void send_json(httplib::Response& res, int status, cdl::json_writer& w) {
+  res.status = status;
+  res.set_content(w.take(), JSON_TYPE);
+}
+
+// The parameters of the request's query string. httplib also files the
+// fields of a form-encoded body under Request::params; the API never takes
+// parameters from a body, so it reads the query string itself.
+httplib::Params query_params(const httplib::Request& req) {
+  httplib::Params params;
+  const auto question = req.target.find('?');
+  if (question != std::string::npos) httplib::detail::parse_query_text(req.target.substr(question + 1), params);
+  return params;
+}
+
+// Refuses parameters other than `allowed`, and any parameter given twice.
+httplib::Params checked_params(const httplib::Request& req, const std::set<std::string>& allowed) {
+  httplib::Params params = query_params(req);
+  for (const auto& [name, value] : params) {
+    if (allowed.count(name) == 0) throw api_error(400, "unknown parameter: " + name);
+    if (params.count(name) > 1) throw api_error(400, "parameter given more than once: " + name);
+  }
+  return params;
+}
+
+std::optional<std::string> param(const httplib::Params& params, const std::string& name) {
+  const auto it = params.find(name);
+  if (it == params.end()) return std::nullopt;
+  return it->second;
+}
+
+std::optional<unsigned long> unsigned_param(const httplib::Params& params, const std::string& name) {
+  const auto text = param(params, name);
+  if (!text) return std::nullopt;
+  return parse_unsigned(name, *text);
+}
+
+struct time_range {
+  unsigned long start;
+  unsigned long end;
+};
+
+// start and end together, or neither.
+std::optional<time_range> range_params(const httplib::Params& params) {
+  const auto start = unsigned_param(params, "start");
+  const auto end = unsigned_param(params, "end");
+  if (!start && !end) return std::nullopt;
+  if (!start || !end) throw api_error(400, "start and end must be given together");
+  if (*start > *end) throw api_error(400, "start must not be after end");
+  return time_range{*start, *end};
+}
+
+// The body as a JSON object with exactly the members `required`.
+rapidjson::Document json_body(const httplib::Request& req, const std::set<std::string>& required) {
+  rapidjson::Document doc;
+  doc.Parse(req.body.data(), req.body.size());
+  if (doc.HasParseError()) {
+    throw api_error(400, std::string("malformed JSON body: ") + rapidjson::GetParseError_En(doc.GetParseError()) +
+                             " at offset " + std::to_string(doc.GetErrorOffset()));
+  }
+  if (!doc.IsObject()) throw api_error(400, "the body must be a JSON object");
+  for (auto m = doc.MemberBegin(); m != doc.MemberEnd(); ++m) {
+    const std::string name(m->name.GetString(), m->name.GetStringLength());
+    if (required.count(name) == 0) throw api_error(400, "unknown member in the body: " + name);
+  }
+  for (const std::string& name : required) {
+    if (!doc.HasMember(name.c_str())) throw api_error(400, "missing member in the body: " + name);
+  }
+  if (doc.MemberCount() != required.size()) throw api_error(400, "a member is given more than once");
+  return doc;
+}
+
+unsigned long body_unsigned(const rapidjson::Document& doc, const char* name) {
+  const auto& v = doc[name];
+  if (!v.IsUint64()) {
+    throw api_error(400, std::string(name) + " must be a non-negative integer that fits 64 bits");
+  }
+  return v.GetUint64();
+}
+
+void write_record(cdl::json_writer& w, const csl::fs_entry& e) { e.to_json(w, {}, {}); }
+
+void write_fraction(cdl::json_writer& w, double value) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.6g", value);
+  w.raw_value(text);
+}
+
+void write_problems(cdl::json_writer& w, const std::vector<scan_problem>& problems) {
+  w.begin_array();
+  for (const scan_problem& p : problems) {
+    w.begin_object();
+    w.key("name", true);
+    w.value<std::string>(p.name);
+    w.key("reason", true);
+    w.value<std::string>(p.reason);
+    w.end_object();
+  }
+  w.end_array();
+}
+
+void write_reconcile_result(cdl::json_writer& w, const reconcile_result& r) {
+  w.begin_object();
+  w.key("added", true);
+  w.value<unsigned long>(r.added);
+  w.key("removed", true);
+  w.value<unsigned long>(r.removed);
+  w.key("updated", true);
+  w.value<unsigned long>(r.updated);
+  w.key("deferred", true);
+  w.value<unsigned long>(r.deferred);
+  w.key("finished_at", true);
+  w.value<long>(r.finished_at);
+  w.key("problems", true);
+  write_problems(w, r.problems);
+  w.end_object();
+}
+
+bool same_text(const std::string& a, const std::string& b) {
+  // Compares in time that does not depend on where the texts differ.
+  if (a.size() != b.size()) return false;
+  unsigned char diff = 0;
+  for (size_t i = 0; i < a.size(); ++i) diff |= static_cast<unsigned char>(a[i] ^ b[i]);
+  return diff == 0;
+}
+
+const char* reason_phrase(int status) {
+  switch (status) {
+    case 400: return "bad request";
+    case 401: return "unauthorized";
+    case 403: return "forbidden";
+    case 404: return "not found";
+    case 405: return "method not allowed";
+    case 408: return "request timeout";
+    case 413: return "payload too large";
+    case 414: return "URI too long";
+    case 416: return "range not satisfiable";
+    case 503: return "service unavailable";
+    default: return status >= 500 ? "internal error" : "request refused";
+  }
+}
+
+}  // namespace
+
+unsigned long parse_unsigned(const std::string& name, const std::string& text) {
+  if (text.empty()) throw api_error(400, name + " is empty");
+  for (const char c : text) {
+    if (c == '-') throw api_error(400, name + " must not be negative: " + text);
+    if (c < '0' || c > '9') throw api_error(400, name + " is not a decimal integer: " + text);
+  }
+  try {
+    unsigned long consumed = 0;
+    const unsigned long value = cdl::from_str<unsigned long>(text, &consumed, 10);
+    if (consumed != text.size()) throw api_error(400, name + " is not a decimal integer: " + text);
+    return value;
+  } catch (const cdl::not_in_range_error&) {
+    throw api_error(400, name + " does not fit 64 bits: " + text);
+  } catch (const cdl::unrecognized_value_error&) {
+    throw api_error(400, name + " is not a decimal integer: " + text);
+  }
+}
+
+http_api::http_api(capture_daemon& daemon, std::optional<std::string> token)
+    : _daemon(daemon), _token(std::move(token)) {}
+
+void http_api::install(httplib::Server& server) {
+  capture_daemon& d = _daemon;
+  cdl::log* log = d.log();
+
+  server.new_task_queue = [] { return new httplib::ThreadPool(SERVER_THREADS); };
+  server.set_payload_max_length(MAX_BODY_BYTES);
+
+  if (_token) {
+    const std::string expected = "Bearer " + *_token;
+    server.set_pre_routing_handler([expected](const httplib::Request& req, httplib::Response& res) {
+      if (same_text(req.get_header_value("Authorization"), expected)) return httplib::Server::HandlerResponse::Unhandled;
+      res.set_header("WWW-Authenticate", "Bearer realm=\"faitra\"");
+      send_error(res, 401, "missing or wrong bearer token");
+      return httplib::Server::HandlerResponse::Handled;
+    });
+  }
+
+  server.set_error_handler([](const httplib::Request& req, httplib::Response& res) {
+    if (!res.body.empty()) return;
+    if (res.status == 404 && KNOWN_PATHS.count(req.path) != 0) {
+      send_error(res, 405, "method " + req.method + " is not allowed on " + req.path);
+    } else if (res.status == 404) {
+      send_error(res, 404, "no such endpoint: " + req.path);
+    } else if (res.status == 413) {
+      send_error(res, 413, "the body is larger than " + std::to_string(MAX_BODY_BYTES) + " bytes");
+    } else {
+      send_error(res, res.status, reason_phrase(res.status));
+    }
+  });
+
+  server.set_exception_handler([log](const httplib::Request& req, httplib::Response& res, std::exception_ptr ep) {
+    std::string what = "unknown error";
+    try {
+      std::rethrow_exception(ep);
+    } catch (const std::exception& e) {
+      what = e.what();
+    } catch (...) {
+    }
+    if (log != nullptr) log->error("%s %s failed: %s", req.method, req.path, what);
+    send_error(res, 500, what);
+  });
+
+  if (log != nullptr) {
+    server.set_logger([log](const httplib::Request& req, const httplib::Response& res) {
+      log->debug("%s %s -> %d", req.method, req.path, res.status);
+    });
+  }
+
+  // Maps api_error to its status; anything else reaches the exception
+  // handler above as a 500.
+  auto guarded = [](handler h) {
+    return [h = std::move(h)](const httplib::Request& req, httplib::Response& res) {
+      try {
+        h(req, res);
+      } catch (const api_error& e) {
+        send_error(res, e.status(), e.what());
+      }
+    };
+  };
+
+  server.Get("/v1/captures", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+    const httplib::Params params = checked_params(req, {"start", "end", "limit"});
+    const auto range = range_params(params);
+    const auto limit_param = unsigned_param(params, "limit");
+    if (limit_param && *limit_param == 0) throw api_error(400, "limit must be at least 1");
+    const unsigned long limit = limit_param.value_or(std::numeric_limits<unsigned long>::max());
+    std::vector<csl::fs_entry> records;
+    if (range) {
+      d.cache().by_time(records, range->start, range->end);
+      if (records.size() > limit) records.resize(limit);
+    } else {
+      csl::fs_cache::shared_guard lock(d.cache());
+      for (const auto& [path, record] : d.cache().path_cache()) {
+        if (records.size() >= limit) break;
+        records.push_back(*record);
+      }
+    }
+    cdl::json_writer w;
+    w.begin_object();
+    w.key("captures", true);
+    w.begin_array();
+    for (const csl::fs_entry& e : records) write_record(w, e);
+    w.end_array();
+    w.end_object();
+    send_json(res, 200, w);
+  }));
+
+  server.Get("/v1/captures/lookup", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+    const auto path = param(checked_params(req, {"path"}), "path");
+    if (!path || path->empty()) throw api_error(400, "path is required");
+    csl::fs_entry record;
+    if (!d.cache().by_path(record, *path)) throw api_error(404, "no capture is catalogued at " + *path);
+    cdl::json_writer w;
+    write_record(w, record);
+    send_json(res, 200, w);
+  }));
+
+  server.Delete("/v1/captures", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+    const httplib::Params params = checked_params(req, {"path", "start", "end", "by", "all"});
+    const auto path = param(params, "path");
+    const auto all = param(params, "all");
+    const auto by = param(params, "by");
+    const bool has_range = params.count("start") != 0 || params.count("end") != 0;
+    const int forms = (path ? 1 : 0) + (all ? 1 : 0) + (has_range ? 1 : 0);
+    if (forms != 1) throw api_error(400, "give exactly one of: path, start and end, all=true");
+    if (by && !has_range) throw api_error(400, "by applies only to a time range");
+    cdl::json_writer w;
+    w.begin_object();
+    w.key("marked", true);
+    if (path) {
+      if (path->empty()) throw api_error(400, "path is empty");
+      // Only an exact catalogued path is ever marked; anything else (a
+      // relative path, "..", a link to elsewhere) is simply not found.
+      if (!d.cache().path_exists(*path)) throw api_error(404, "no capture is catalogued at " + *path);
+      w.value<bool>(d.storage().delete_by_path(*path, csl::fs_entry::deletion_by::requested));
+    } else if (all) {
+      if (*all != "true") throw api_error(400, "all must be true");
+      w.value<unsigned long>(d.storage().clear(csl::fs_entry::deletion_by::requested));
+    } else {
+      const auto range = range_params(params);
+      bool by_start = true;
+      if (by && *by == "creation") {
+        by_start = false;
+      } else if (by && *by != "start") {
+        throw api_error(400, "by must be start or creation");
+      }
+      std::vector<csl::fs_entry> marked;
+      d.storage().delete_by_time(marked, range->start, range->end, by_start, csl::fs_entry::deletion_by::requested);
+      w.begin_array();
+      for (const csl::fs_entry& e : marked) write_record(w, e);
+      w.end_array();
+    }
+    w.end_object();
+    send_json(res, 200, w);
+  }));
+
+  server.Get("/v1/storage", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+    checked_params(req, {});
+    cdl::json_writer w;
+    d.storage().state().to_json(w, {}, {});
+    send_json(res, 200, w);
+  }));
+
+  server.Post("/v1/cleanup/age", guarded([&d, log](const httplib::Request& req, httplib::Response& res) {
+    checked_params(req, {});
+    const rapidjson::Document doc = json_body(req, {"mode", "cutoff"});
+    if (!doc["mode"].IsString()) throw api_error(400, "mode must be a string");
+    const std::string mode_text = doc["mode"].GetString();
+    csl::age_cleanup_state::cleanup_mode mode;
+    if (mode_text == "files") {
+      mode = csl::age_cleanup_state::files;
+    } else if (mode_text == "metadata") {
+      mode = csl::age_cleanup_state::metadata;
+    } else if (mode_text == "both") {
+      mode = csl::age_cleanup_state::both;
+    } else {
+      throw api_error(400, "mode must be files, metadata or both");
+    }
+    const unsigned long cutoff = body_unsigned(doc, "cutoff");
+    if (mode != csl::age_cleanup_state::files && cutoff > std::numeric_limits<unsigned long>::max() / NS_PER_SECOND) {
+      throw api_error(400, "cutoff is too large to be expressed in nanoseconds");
+    }
+    const bool accepted = d.jobs().submit("Age cleanup", [&d, mode, cutoff] { d.cleaner().start_age_cleanup(mode, cutoff); });
+    if (!accepted) throw api_error(503, "too many cleanups are waiting; try again later");
+    if (log != nullptr) log->info("Accepted an age cleanup of %s up to %lu s", mode_text, cutoff);
+    cdl::json_writer w;
+    w.begin_object();
+    w.key("accepted", true);
+    w.value<bool>(true);
+    w.end_object();
+    send_json(res, 202, w);
+  }));
+
+  server.Post("/v1/cleanup/metadata", guarded([&d, log](const httplib::Request& req, httplib::Response& res) {
+    checked_params(req, {});
+    const rapidjson::Document doc = json_body(req, {"start", "end"});
+    const unsigned long start = body_unsigned(doc, "start");
+    const unsigned long end = body_unsigned(doc, "end");
+    if (start > end) throw api_error(400, "start must not be after end");
+    const bool accepted = d.jobs().submit("Metadata cleanup", [&d, start, end] {
+      d.cleaner().start_metadata_cleanup(cdl::nullable<unsigned long>(start), cdl::nullable<unsigned long>(end), false);
+    });
+    if (!accepted) throw api_error(503, "too many cleanups are waiting; try again later");
+    if (log != nullptr) log->info("Accepted a metadata cleanup of %lu-%lu", start, end);
+    cdl::json_writer w;
+    w.begin_object();
+    w.key("accepted", true);
+    w.value<bool>(true);
+    w.end_object();
+    send_json(res, 202, w);
+  }));
+
+  server.Put("/v1/cleanup/metadata/automatic", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+    checked_params(req, {});
+    const rapidjson::Document doc = json_body(req, {"enabled"});
+    if (!doc["enabled"].IsBool()) throw api_error(400, "enabled must be true or false");
+    const bool enabled = doc["enabled"].GetBool();
+    d.cleaner().switch_metadata_cleanup(enabled);
+    cdl::json_writer w;
+    w.begin_object();
+    w.key("enabled", true);
+    w.value<bool>(enabled);
+    w.end_object();
+    send_json(res, 200, w);
+  }));
+
+  server.Post("/v1/reconcile", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+    checked_params(req, {});
+    if (!req.body.empty()) json_body(req, {});
+    const auto result = d.reconcile().request(std::chrono::seconds(60));
+    if (!result) throw api_error(503, "the reconcile did not complete (the daemon may be stopping)");
+    cdl::json_writer w;
+    write_reconcile_result(w, *result);
+    send_json(res, 200, w);
+  }));
+
+  server.Get("/v1/status", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+    checked_params(req, {});
+    const metrics_sample m = d.sample_metrics();
+    const daemon_options& o = d.options();
+    cdl::json_writer w;
+    w.begin_object();
+    w.key("version", true);
+    w.value<std::string>(faitra_version());
+    w.key("root", true);
+    w.value<std::string>(o.root);
+    w.key("watch", true);
+    w.begin_array();
+    for (const std::string& dir : o.watch) w.value<std::string>(dir);
+    w.end_array();
+    w.key("captures", true);
+    w.value<unsigned long>(m.captures);
+    w.key("usage", true);
+    w.begin_object();
+    w.key("used", true);
+    w.value<unsigned long>(m.disk_used);
+    w.key("total", true);
+    w.value<unsigned long>(m.disk_total);
+    w.key("fraction", true);
+    write_fraction(w, m.disk_total == 0 ? 0.0 : static_cast<double>(m.disk_used) / static_cast<double>(m.disk_total));
+    w.end_object();
+    w.key("trigger", true);
+    write_fraction(w, d.cleaner().trigger());
+    w.key("stop", true);
+    write_fraction(w, d.cleaner().stop());
+    w.key("automatic_cleanup", true);
+    w.value<bool>(o.auto_cleanup);
+    w.key("automatic_metadata_cleanup", true);
+    w.value<bool>(d.cleaner().metadata_cleanup_enabled());
+    w.key("cleanup_in_progress", true);
+    w.value<bool>(m.cleanup_in_progress);
+    w.key("cleanup", true);
+    w.begin_object();
+    w.key("runs", true);
+    w.value<unsigned long>(m.cleanup_runs);
+    w.key("deleted_on_request", true);
+    w.value<unsigned long>(m.deleted_requested);
+    w.key("deleted_by_cleanup", true);
+    w.value<unsigned long>(m.deleted_cleanup);
+    w.key("removed_externally", true);
+    w.value<unsigned long>(m.removed_externally);
+    w.key("delete_queue", true);
+    w.value<unsigned long>(m.delete_queue);
+    w.key("metadata_cleanup_failures", true);
+    w.value<unsigned long>(m.metadata_cleanup_failures);
+    w.end_object();
+    w.key("scan_problems", true);
+    write_problems(w, d.scan_problems());
+    w.key("reconcile", true);
+    w.begin_object();
+    w.key("interval_seconds", true);
+    w.value<long>(static_cast<long>(o.reconcile_interval.count()));
+    w.key("runs", true);
+    w.value<unsigned long>(m.reconcile_runs);
+    w.key("added", true);
+    w.value<unsigned long>(m.drift_added);
+    w.key("removed", true);
+    w.value<unsigned long>(m.drift_removed);
+    w.key("updated", true);
+    w.value<unsigned long>(m.drift_updated);
+    w.key("last", true);
+    const auto last = d.reconcile().last();
+    if (last) {
+      write_reconcile_result(w, *last);
+    } else {
+      w.null_value();
+    }
+    w.end_object();
+    w.key("handler_failures", true);
+    w.value<unsigned long>(m.handler_failures);
+    w.end_object();
+    send_json(res, 200, w);
+  }));
+
+  server.Get("/metrics", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+    checked_params(req, {});
+    res.status = 200;
+    res.set_content(render_metrics(d.sample_metrics()), "text/plain; version=0.0.4");
+  }));
+}
+
+}  // namespace faitra_cli
