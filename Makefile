@@ -1,0 +1,28 @@
+# Shortcuts over the scripts and CMake presets.
+#
+#   make demo    install the Debian packages, build, and run scripts/demo.sh
+#   make build   install the Debian packages and build into build/default
+#   make test    scripts/test.sh: build and run every test
+#   make clean   remove build/default
+
+BUILD_DIR := build/default
+
+.PHONY: all deps build test demo clean
+
+all: build
+
+deps:
+	scripts/install-deps.sh
+
+build: deps
+	cmake -S . -B $(BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build $(BUILD_DIR) -j$$(nproc)
+
+test:
+	scripts/test.sh
+
+demo: build
+	FAITRA=$(BUILD_DIR)/apps/faitra scripts/demo.sh
+
+clean:
+	rm -rf $(BUILD_DIR)

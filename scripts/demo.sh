@@ -1,0 +1,243 @@
+#!/usr/bin/env bash
+# The whole faitra loop, live, on a small file system of its own:
+#
+#   1. a 64 MiB tmpfs (mounted directly as root; otherwise inside a private
+#      user and mount namespace made with `unshare`), already 45 % full with
+#      58 captures from an hour ago;
+#   2. `faitra serve` on it, and `faitra gen` writing a 512 KiB capture every
+#      second, the way a capture writer does;
+#   3. one status line per second from GET /v1/status: captures, usage
+#      against the trigger (50 %) and stop (25 %) fractions, the cleaner's
+#      state, cleanup runs and deletions;
+#   4. once usage reaches the trigger, the daemon's cleanup deletes the
+#      oldest captures until usage is below the stop fraction.
+#
+# The cleaner waits 15 s before deleting and 15 s after, by design, so a run
+# takes about 30 s. The demo watches until a run has deleted captures, the
+# cleaner is idle again and DEMO_SECONDS (default 45) have passed (at most
+# 150 s); then it stops everything (SIGTERM, wait, unmount) and prints a
+# summary. Exit status 0 when the cleanup deleted exactly the oldest
+# captures. Ctrl-C stops and cleans up too.
+#
+# Usage: scripts/demo.sh   (after a build; `make demo` does both)
+# Environment: FAITRA (the binary, default build/default/apps/faitra),
+# DEMO_SECONDS.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+FAITRA=${FAITRA:-build/default/apps/faitra}
+DEMO_SECONDS=${DEMO_SECONDS:-45}
+MAX_SECONDS=150
+FS_SIZE=64m
+FILE_SIZE=512K
+RATE=1
+PREFILL=58
+TRIGGER=0.5
+STOP=0.25
+
+if [ ! -x "$FAITRA" ]; then
+  echo "demo: $FAITRA not found; build first (make build)" >&2
+  exit 1
+fi
+FAITRA=$(realpath "$FAITRA")
+for tool in curl python3; do
+  command -v "$tool" >/dev/null || { echo "demo: $tool is needed (scripts/install-deps.sh)" >&2; exit 1; }
+done
+
+# Not root: continue inside a private user and mount namespace, where this
+# script is root for its own mounts only.
+if [ "$(id -u)" -ne 0 ]; then
+  if [ -n "${FAITRA_DEMO_IN_NAMESPACE:-}" ]; then
+    echo "demo: still not root inside the namespace" >&2
+    exit 1
+  fi
+  export FAITRA_DEMO_IN_NAMESPACE=1
+  exec unshare --user --map-root-user --mount bash "$0" "$@"
+fi
+
+say() { printf '%s\n' "$*"; }
+
+WORK=$(mktemp -d "${TMPDIR:-/tmp}/faitra-demo.XXXXXX")
+CAPTURES=$WORK/captures
+mkdir "$CAPTURES"
+MOUNTED=
+SERVE_PID=
+GEN_PID=
+WATCH_PID=
+
+stop_process() {  # pid name
+  local pid=$1 name=$2 waited=0
+  [ -n "$pid" ] || return 0
+  kill -0 "$pid" 2>/dev/null || { wait "$pid" 2>/dev/null || true; return 0; }
+  kill -TERM "$pid" 2>/dev/null || true
+  while kill -0 "$pid" 2>/dev/null; do
+    if [ $waited -ge 450 ]; then
+      say "demo: $name did not stop within 45 s; killing it"
+      kill -KILL "$pid" 2>/dev/null || true
+      break
+    fi
+    sleep 0.1
+    waited=$((waited + 1))
+  done
+  wait "$pid" 2>/dev/null || true
+}
+
+cleanup() {
+  [ -z "$WATCH_PID" ] || kill "$WATCH_PID" 2>/dev/null || true
+  stop_process "$GEN_PID" "faitra gen"
+  GEN_PID=
+  stop_process "$SERVE_PID" "faitra serve"
+  SERVE_PID=
+  if [ -n "$MOUNTED" ]; then
+    umount "$CAPTURES" 2>/dev/null || umount -l "$CAPTURES" 2>/dev/null || true
+    MOUNTED=
+  fi
+  rm -rf "$WORK"
+}
+trap cleanup EXIT
+trap 'say ""; say "demo: interrupted; stopping"; exit 130' INT TERM
+
+# 1. The file system.
+if ! mount -t tmpfs -o "size=$FS_SIZE,mode=0755" faitra-demo "$CAPTURES" 2>"$WORK/mount.err"; then
+  say "demo: cannot mount a tmpfs: $(cat "$WORK/mount.err")" >&2
+  exit 1
+fi
+MOUNTED=1
+say "== faitra demo"
+say "file system: tmpfs of $FS_SIZE on $CAPTURES"
+say "daemon: trigger $TRIGGER, stop $STOP; writer: one $FILE_SIZE capture per ${RATE}s"
+
+# Captures from an hour ago, already there when the daemon starts.
+hour_ago=$(( $(date +%s) - 3600 ))
+"$FAITRA" gen "$CAPTURES" --count "$PREFILL" --size "$FILE_SIZE" --rate 0 --start-time "${hour_ago}s" --quiet
+say "pre-filled: $PREFILL captures from an hour ago"
+
+# 2. The daemon (a free port, read back from its log) and the writer.
+"$FAITRA" serve --root "$CAPTURES" --trigger "$TRIGGER" --stop "$STOP" --listen 127.0.0.1:0 --log-stdout \
+  >"$WORK/serve.log" 2>&1 &
+SERVE_PID=$!
+URL=
+for _ in $(seq 1 300); do
+  if ! kill -0 "$SERVE_PID" 2>/dev/null; then
+    say "demo: faitra serve exited:"; cat "$WORK/serve.log"; exit 1
+  fi
+  port=$(sed -n 's/.*Listening on 127\.0\.0\.1:\([0-9][0-9]*\).*/\1/p' "$WORK/serve.log" | head -n 1)
+  if [ -n "$port" ] && curl -sf "http://127.0.0.1:$port/v1/status" >/dev/null 2>&1; then
+    URL=http://127.0.0.1:$port
+    break
+  fi
+  sleep 0.1
+done
+if [ -z "$URL" ]; then
+  say "demo: faitra serve did not answer within 30 s:"; cat "$WORK/serve.log"; exit 1
+fi
+say "daemon: listening on $URL (log: --log-stdout)"
+
+"$FAITRA" gen "$CAPTURES" --count 0 --size "$FILE_SIZE" --rate "$RATE" >"$WORK/gen.log" 2>&1 &
+GEN_PID=$!
+say "writer: faitra gen started"
+say ""
+
+# 3. One status line per second until a cleanup run has deleted captures
+# and finished, the cleaner is idle again and DEMO_SECONDS have passed.
+# The watcher runs in the background so that SIGINT and SIGTERM reach this
+# script's trap at once (`wait` returns on a trapped signal).
+python3 - "$URL" "$SERVE_PID" "$DEMO_SECONDS" "$MAX_SECONDS" <<'PYTHON' &
+import json, os, sys, time, urllib.request
+
+url, serve_pid, want, cap = sys.argv[1], int(sys.argv[2]), int(sys.argv[3]), int(sys.argv[4])
+mib = lambda b: b / 1048576.0
+start = time.monotonic()
+tick = 0
+try:
+    while True:
+        elapsed = time.monotonic() - start
+        try:
+            os.kill(serve_pid, 0)
+        except OSError:
+            print("demo: faitra serve stopped unexpectedly", flush=True)
+            sys.exit(2)
+        try:
+            with urllib.request.urlopen(url + "/v1/status", timeout=2) as answer:
+                s = json.load(answer)
+        except Exception as e:
+            print("[%3ds] status not available: %s" % (elapsed, e), flush=True)
+            s = None
+        if s is not None:
+            u, c = s.get("usage", {}), s.get("cleanup", {})
+            frac, trig, stop = u.get("fraction", 0.0), s.get("trigger", 0.0), s.get("stop", 0.0)
+            running = s.get("cleanup_in_progress", False)
+            if running:
+                state = "running"
+            elif frac >= trig:
+                state = "due"
+            else:
+                state = "idle"
+            deleted = c.get("deleted_by_cleanup", 0)
+            print("[%3ds] captures %3d | used %5.1f of %4.1f MiB %3.0f%% | trigger %2.0f%% stop %2.0f%% "
+                  "| cleanup %-7s runs %d, deleted %3d"
+                  % (elapsed, s.get("captures", 0), mib(u.get("used", 0)), mib(u.get("total", 0)), frac * 100,
+                     trig * 100, stop * 100, state, c.get("runs", 0), deleted), flush=True)
+            if elapsed >= want and deleted > 0 and state == "idle":
+                sys.exit(0)
+        if elapsed >= cap:
+            sys.exit(1)
+        tick += 1
+        time.sleep(max(0.0, start + tick - time.monotonic()))
+except KeyboardInterrupt:
+    sys.exit(130)
+PYTHON
+WATCH_PID=$!
+watched=0
+wait "$WATCH_PID" || watched=$?
+WATCH_PID=
+case "$watched" in
+  130) exit 130 ;;
+  2) tail -n 20 "$WORK/serve.log"; exit 1 ;;
+  1) say "demo: no cleanup run completed within $MAX_SECONDS s" ;;
+esac
+final_status=$(curl -sf --max-time 2 "$URL/v1/status" || echo '{}')
+final_df=$(df -h --output=used,size,pcent "$CAPTURES" | tail -n 1)
+
+# 4. Stop everything, then the summary.
+say ""
+say "stopping: faitra gen, then faitra serve (SIGTERM; a cleanup check that is waiting may hold it up to 15 s),"
+say "then unmounting"
+stop_process "$GEN_PID" "faitra gen"; GEN_PID=
+stop_process "$SERVE_PID" "faitra serve"; SERVE_PID=
+
+written=$(grep -c '^wrote ' "$WORK/gen.log" || true)
+dropped=$(grep -c '^faitra gen: dropped ' "$WORK/gen.log" || true)
+sed -n 's/.*Deleting \(.*\)\.\.\.$/\1/p' "$WORK/serve.log" >"$WORK/deleted"
+deleted=$(wc -l <"$WORK/deleted")
+ls "$CAPTURES" | sed "s|^|$CAPTURES/|" >"$WORK/remaining"
+remaining=$(wc -l <"$WORK/remaining")
+runs=$(grep -c 'Filesystem cleanup has finished' "$WORK/serve.log" || true)
+oldest_first=no
+if [ "$deleted" -gt 0 ]; then
+  newest_deleted=$(sort "$WORK/deleted" | tail -n 1)
+  oldest_remaining=$(sort "$WORK/remaining" | head -n 1)
+  if [ -z "$oldest_remaining" ] || [[ "$newest_deleted" < "$oldest_remaining" ]]; then oldest_first=yes; fi
+fi
+
+say ""
+say "== summary"
+say "captures written:   $PREFILL pre-filled + $written live ($dropped dropped for lack of space)"
+say "cleanup runs:       $runs finished (daemon log)"
+grep 'Filesystem cleanup has' "$WORK/serve.log" | sed 's/^.* - Filesystem/  Filesystem/' || true
+say "captures deleted:   $deleted by the cleanup"
+if [ "$deleted" -gt 0 ]; then
+  say "  oldest deleted:   $(basename "$(sort "$WORK/deleted" | head -n 1)")"
+  say "  newest deleted:   $(basename "$newest_deleted")"
+  say "  oldest remaining: $(basename "${oldest_remaining:-none}")"
+  say "  oldest first:     $oldest_first"
+fi
+say "captures remaining: $remaining"
+say "final usage:        $final_df (used size use%)"
+say "final status:       $(printf '%s' "$final_status" | python3 -c 'import json,sys; s=json.load(sys.stdin); print(json.dumps({k: s[k] for k in ("captures", "usage", "cleanup") if k in s}))' 2>/dev/null || echo unavailable)"
+
+if [ "$deleted" -eq 0 ] || [ "$oldest_first" != yes ]; then
+  say "demo: FAILED: the cleanup did not delete the oldest captures"
+  exit 1
+fi
+say "demo: OK"
