@@ -208,7 +208,7 @@ stop_process "$SERVE_PID" "faitra serve"; SERVE_PID=
 
 written=$(grep -c '^wrote ' "$WORK/gen.log" || true)
 dropped=$(grep -c '^faitra gen: dropped ' "$WORK/gen.log" || true)
-sed -n 's/.*Deleting \(.*\)\.\.\.$/\1/p' "$WORK/serve.log" >"$WORK/deleted"
+sed -n 's/.* - Deleting \(\/.*\)\.\.\.$/\1/p' "$WORK/serve.log" >"$WORK/deleted"
 deleted=$(wc -l <"$WORK/deleted")
 ls "$CAPTURES" | sed "s|^|$CAPTURES/|" >"$WORK/remaining"
 remaining=$(wc -l <"$WORK/remaining")
