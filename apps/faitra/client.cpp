@@ -11,6 +11,7 @@
 #include <rapidjson/document.h>
 #include <rapidjson/error/en.h>
 
+#include <signal.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -61,6 +62,9 @@ answer call(const client_options& o, const std::string& method, const std::strin
     if (!token) throw failure("--token-file: " + error);
     headers.emplace("Authorization", "Bearer " + *token);
   }
+  // A daemon that refuses a request before reading its body closes the
+  // connection; writing on must fail the request, not kill the client.
+  ::signal(SIGPIPE, SIG_IGN);
   std::unique_ptr<httplib::Client> client;
   if (address.unix_socket) {
     client = std::make_unique<httplib::Client>(address.host);
@@ -78,7 +82,9 @@ answer call(const client_options& o, const std::string& method, const std::strin
     return client->Put(target, headers, body, "application/json");
   }();
   if (!result) {
-    throw failure("cannot reach the daemon at " + o.listen + ": " + httplib::to_string(result.error()));
+    const httplib::Error e = result.error();
+    throw failure("cannot reach the daemon at " + o.listen + ": " +
+                  (e == httplib::Error::Connection ? std::string("cannot connect") : httplib::to_string(e)));
   }
   answer a;
   a.status = result->status;

@@ -215,17 +215,10 @@ void http_api::install(httplib::Server& server) {
   cdl::log* log = d.log();
 
   server.new_task_queue = [] { return new httplib::ThreadPool(SERVER_THREADS); };
-  server.set_payload_max_length(MAX_BODY_BYTES);
-
-  if (_token) {
-    const std::string expected = "Bearer " + *_token;
-    server.set_pre_routing_handler([expected](const httplib::Request& req, httplib::Response& res) {
-      if (same_text(req.get_header_value("Authorization"), expected)) return httplib::Server::HandlerResponse::Unhandled;
-      res.set_header("WWW-Authenticate", "Bearer realm=\"faitra\"");
-      send_error(res, 401, "missing or wrong bearer token");
-      return httplib::Server::HandlerResponse::Handled;
-    });
-  }
+  // httplib answers a body above its own limit without reading it, and the
+  // client may then see a reset connection instead of the answer. So its
+  // limit is higher, and the handlers check the API's own after reading.
+  server.set_payload_max_length(HTTPLIB_BODY_LIMIT);
 
   server.set_error_handler([](const httplib::Request& req, httplib::Response& res) {
     if (!res.body.empty()) return;
@@ -258,11 +251,22 @@ void http_api::install(httplib::Server& server) {
     });
   }
 
-  // Maps api_error to its status; anything else reaches the exception
-  // handler above as a 500.
-  auto guarded = [](handler h) {
-    return [h = std::move(h)](const httplib::Request& req, httplib::Response& res) {
+  // Checks the token and the body size, then runs the handler; maps
+  // api_error to its status, anything else reaches the exception handler
+  // above as a 500. The token is checked here rather than before routing so
+  // that the request's body has been read when the 401 goes out.
+  const std::optional<std::string> expected =
+      _token ? std::optional<std::string>("Bearer " + *_token) : std::nullopt;
+  auto guarded = [expected](handler h) {
+    return [h = std::move(h), expected](const httplib::Request& req, httplib::Response& res) {
       try {
+        if (expected && !same_text(req.get_header_value("Authorization"), *expected)) {
+          res.set_header("WWW-Authenticate", "Bearer realm=\"faitra\"");
+          throw api_error(401, "missing or wrong bearer token");
+        }
+        if (req.body.size() > MAX_BODY_BYTES) {
+          throw api_error(413, "the body is larger than " + std::to_string(MAX_BODY_BYTES) + " bytes");
+        }
         h(req, res);
       } catch (const api_error& e) {
         send_error(res, e.status(), e.what());

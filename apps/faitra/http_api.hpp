@@ -39,6 +39,8 @@ unsigned long parse_unsigned(const std::string& name, const std::string& text);
 class http_api {
  public:
   static constexpr size_t MAX_BODY_BYTES = 64 * 1024;
+  // Bodies above this are refused by httplib without being read.
+  static constexpr size_t HTTPLIB_BODY_LIMIT = 1024 * 1024;
   static constexpr size_t SERVER_THREADS = 4;
 
   http_api(capture_daemon& daemon, std::optional<std::string> token);

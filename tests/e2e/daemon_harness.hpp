@@ -1,0 +1,280 @@
+// Running `faitra serve` in a test: the real binary as a child process on a
+// Unix socket in a scratch directory, its log (standard output and error) in
+// a file there, and small helpers for talking to it over HTTP and for
+// writing captures the way the capture writer does.
+//
+// The child is always killed and reaped when the object is destroyed.
+// Deadlines are generous because the sanitizer builds are slow; they only
+// bound failing tests.
+#pragma once
+
+#include "support/temp_dir.hpp"
+#include "support/tracker_harness.hpp"
+#include "support/wait.hpp"
+
+#include <httplib.h>
+#include <rapidjson/document.h>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+extern char** environ;
+
+namespace faitra_e2e {
+
+using namespace std::chrono_literals;
+
+constexpr std::chrono::milliseconds READY_DEADLINE = 60s;
+constexpr std::chrono::milliseconds EXIT_DEADLINE = 60s;
+
+inline std::string read_text(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+inline void write_text(const std::string& path, const std::string& text, mode_t mode = 0644) {
+  {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+  }
+  ::chmod(path.c_str(), mode);
+}
+
+inline bool exists(const std::string& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) == 0;
+}
+
+// The capture attributes used throughout: hash "h<n>", first packet at n s,
+// last packet at n s + 0.5 s (nanoseconds), created at second n.
+inline faitra_test::capture_attributes attributes(unsigned long n, const std::string& hash = "") {
+  return {hash.empty() ? "h" + std::to_string(n) : hash, n * 1000000000UL, n * 1000000000UL + 500000000UL,
+          static_cast<long>(n)};
+}
+
+struct reply {
+  int status = 0;  // 0 when the daemon could not be reached
+  std::string body;
+  rapidjson::Document json;
+};
+
+class daemon_process {
+ public:
+  enum class transport { unix_socket, tcp };
+
+  // Starts `faitra serve --listen unix:<scratch>/api.sock --log-stdout`
+  // (or --listen 127.0.0.1:0, the port read back from the log) followed by
+  // `args`.
+  explicit daemon_process(std::vector<std::string> args, transport how = transport::unix_socket)
+      : _scratch("faitra-e2e-daemon"), _tcp(how == transport::tcp) {
+    // A request the daemon refuses before reading its body (401, 413) may
+    // meet a closed connection; that must fail the request, not the test.
+    ::signal(SIGPIPE, SIG_IGN);
+    _socket = _scratch.file("api.sock");
+    _log = _scratch.file("daemon.log");
+    std::vector<std::string> full = {FAITRA_BINARY, "serve", "--listen", _tcp ? "127.0.0.1:0" : "unix:" + _socket,
+                                     "--log-stdout"};
+    full.insert(full.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (std::string& a : full) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, _log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+    const int spawned = ::posix_spawn(&_pid, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (spawned != 0) _pid = -1;
+  }
+  ~daemon_process() {
+    if (_pid > 0 && !_exited) {
+      ::kill(_pid, SIGKILL);
+      int status = 0;
+      ::waitpid(_pid, &status, 0);
+    }
+    if (::testing::Test::HasFailure()) std::cout << "---- daemon log ----\n" << log() << "--------------------\n";
+  }
+  daemon_process(const daemon_process&) = delete;
+  daemon_process& operator=(const daemon_process&) = delete;
+
+  // Waits until /v1/status answers 200; false if the daemon exited first.
+  bool wait_ready(const std::string& token = "") {
+    if (_pid <= 0) return false;
+    return faitra_test::wait_until(
+        [&] {
+          if (!alive()) return true;
+          if (_tcp && _port == 0) {
+            const std::string text = log();
+            const std::string marker = "Listening on 127.0.0.1:";
+            const auto at = text.find(marker);
+            if (at == std::string::npos) return false;
+            _port = std::stoi(text.substr(at + marker.size()));
+          }
+          return request("GET", "/v1/status", "", token).status == 200;
+        },
+        READY_DEADLINE) &&
+           alive();
+  }
+
+  bool alive() {
+    if (_exited) return false;
+    int status = 0;
+    if (::waitpid(_pid, &status, WNOHANG) == _pid) {
+      _exited = true;
+      _status = status;
+    }
+    return !_exited;
+  }
+
+  // Sends `sig` and waits for the exit; the exit code, or -1 if it did not
+  // exit in time or was killed by a signal.
+  int stop(int sig = SIGTERM, std::chrono::milliseconds deadline = EXIT_DEADLINE) {
+    if (alive()) ::kill(_pid, sig);
+    return wait_exit(deadline);
+  }
+  int wait_exit(std::chrono::milliseconds deadline = EXIT_DEADLINE) {
+    if (!faitra_test::wait_until([&] { return !alive(); }, deadline)) return -1;
+    return WIFEXITED(_status) ? WEXITSTATUS(_status) : -1;
+  }
+
+  std::string log() const { return read_text(_log); }
+  bool log_has(const std::string& fragment) const { return log().find(fragment) != std::string::npos; }
+  bool wait_log(const std::string& fragment, std::chrono::milliseconds deadline = 30s) const {
+    return faitra_test::wait_until([&] { return log_has(fragment); }, deadline);
+  }
+
+  int port() const { return _port; }
+  std::string listen() const { return _tcp ? "127.0.0.1:" + std::to_string(_port) : "unix:" + _socket; }
+  std::string scratch(const std::string& name) const { return _scratch.file(name); }
+
+  reply request(const std::string& method, const std::string& target, const std::string& body = "",
+                const std::string& token = "") const {
+    httplib::Client client = _tcp ? httplib::Client("127.0.0.1", _port) : httplib::Client(_socket);
+    if (!_tcp) client.set_address_family(AF_UNIX);
+    client.set_connection_timeout(5s);
+    client.set_read_timeout(90s);
+    httplib::Headers headers;
+    if (!token.empty()) headers.emplace("Authorization", "Bearer " + token);
+    httplib::Result result = [&] {
+      if (method == "GET") return client.Get(target, headers);
+      if (method == "DELETE") return client.Delete(target, headers);
+      if (method == "POST") return client.Post(target, headers, body, "application/json");
+      if (method == "PUT") return client.Put(target, headers, body, "application/json");
+      return client.Patch(target, headers, body, "application/json");
+    }();
+    reply r;
+    if (!result) return r;
+    r.status = result->status;
+    r.body = result->body;
+    r.json.Parse(r.body.c_str());
+    return r;
+  }
+
+  // The catalogue as the API lists it: path -> record JSON text.
+  std::map<std::string, std::string> catalogue(const std::string& token = "") const {
+    std::map<std::string, std::string> out;
+    const reply r = request("GET", "/v1/captures", "", token);
+    if (r.status != 200 || !r.json.IsObject() || !r.json.HasMember("captures")) return out;
+    for (const auto& record : r.json["captures"].GetArray()) {
+      out.emplace(record["path"].GetString(), record_text(record));
+    }
+    return out;
+  }
+
+  // One status field (a path of member names), or -1.
+  long status_number(const std::vector<std::string>& path) const {
+    const reply r = request("GET", "/v1/status");
+    if (r.status != 200) return -1;
+    const rapidjson::Value* v = &r.json;
+    for (const std::string& name : path) {
+      if (!v->IsObject() || !v->HasMember(name.c_str())) return -1;
+      v = &(*v)[name.c_str()];
+    }
+    return v->IsUint64() ? static_cast<long>(v->GetUint64()) : -1;
+  }
+
+  // The value of one line of /metrics ("name" or "name{labels}"), or -1.
+  long metric(const std::string& series) const {
+    const reply r = request("GET", "/metrics");
+    const std::string prefix = series + " ";
+    size_t at = 0;
+    while (at < r.body.size()) {
+      const size_t end = r.body.find('\n', at);
+      const std::string line = r.body.substr(at, end == std::string::npos ? std::string::npos : end - at);
+      if (line.rfind(prefix, 0) == 0) return std::stol(line.substr(prefix.size()));
+      if (end == std::string::npos) break;
+      at = end + 1;
+    }
+    return -1;
+  }
+
+  static std::string record_text(const rapidjson::Value& record) {
+    std::string text;
+    for (const char* name : {"key", "creation_ts", "start_ts", "end_ts", "file_size", "pending_deletion"}) {
+      const rapidjson::Value& v = record[name];
+      text += std::string(name) + "=";
+      if (v.IsNull()) text += "null";
+      else if (v.IsString()) text += v.GetString();
+      else if (v.IsBool()) text += v.GetBool() ? "true" : "false";
+      else if (v.IsUint64()) text += std::to_string(v.GetUint64());
+      text += " ";
+    }
+    return text;
+  }
+
+ private:
+  faitra_test::temp_dir _scratch;
+  std::string _socket;
+  std::string _log;
+  bool _tcp;
+  int _port = 0;
+  pid_t _pid = -1;
+  bool _exited = false;
+  int _status = 0;
+};
+
+// Runs a client subcommand (`faitra <args>`); returns its exit code and
+// standard output.
+inline std::pair<int, std::string> run_client(const std::vector<std::string>& args) {
+  faitra_test::temp_dir scratch("faitra-e2e-client");
+  const std::string out = scratch.file("out");
+  std::vector<std::string> full = {FAITRA_BINARY};
+  full.insert(full.end(), args.begin(), args.end());
+  std::vector<char*> argv;
+  for (std::string& a : full) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  pid_t pid = -1;
+  const int spawned = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (spawned != 0) return {-1, ""};
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_text(out)};
+}
+
+// A tmpfs for one test, or a skip when the process may not mount.
+#define FAITRA_E2E_TMPFS(name, bytes)          \
+  faitra_test::tmpfs_mount name(bytes);        \
+  if (!name.mounted()) GTEST_SKIP() << name.reason()
+
+}  // namespace faitra_e2e
