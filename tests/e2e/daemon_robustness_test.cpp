@@ -187,6 +187,35 @@ TEST_F(DaemonReconcileTest, RepairsWhatInotifyCouldNotReport) {
   EXPECT_EQ(d->stop(), 0);
 }
 
+// A record marked for deletion whose file could not be removed stays
+// marked when the reconcile updates it, so it is never offered for
+// deletion twice.
+TEST_F(DaemonReconcileTest, AnUpdateKeepsTheDeletionMarker) {
+  // The delete thread cannot remove a non-empty directory; one named like a
+  // capture is catalogued like one.
+  const std::string stuck = caps("stuck.pcap");
+  ASSERT_EQ(::mkdir(stuck.c_str(), 0755), 0);
+  faitra_test::write_file(stuck + "/inside", 10);
+  faitra_test::set_xattr(stuck, "user.pcap_hash", "before");
+  auto d = start("0");
+  ASSERT_EQ(d->catalogue().count(stuck), 1U);
+  ASSERT_EQ(d->request("DELETE", "/v1/captures?path=" + stuck).status, 200);
+  ASSERT_TRUE(d->wait_log("Failed to delete capture file: " + stuck));
+
+  faitra_test::set_xattr(stuck, "user.pcap_hash", "after");  // no event reports this
+  const reply r = d->request("POST", "/v1/reconcile", "");
+  ASSERT_EQ(r.status, 200) << r.body;
+  EXPECT_EQ(r.json["updated"].GetUint64(), 1U) << r.body;
+  const reply record = d->request("GET", "/v1/captures/lookup?path=" + stuck);
+  EXPECT_STREQ(record.json["key"].GetString(), "after");
+  EXPECT_TRUE(record.json["pending_deletion"].GetBool()) << record.body;
+  // Still marked: a second request does not mark (or queue) it again.
+  const reply again = d->request("DELETE", "/v1/captures?path=" + stuck);
+  EXPECT_EQ(again.status, 200);
+  EXPECT_FALSE(again.json["marked"].GetBool()) << again.body;
+  EXPECT_EQ(d->stop(), 0);
+}
+
 TEST_F(DaemonReconcileTest, RunsByItselfEveryInterval) {
   auto d = start("1");
   ASSERT_EQ(::rename(caps("b.pcap").c_str(), stage("b.moved").c_str()), 0);
