@@ -24,8 +24,9 @@ constexpr useconds_t IDLE_PAUSE_US = 10000;
 bool fs_tracker::init_monitoring() {
   _event_buffer.resize(_read_buffer_size);
   _inotify_fd = ::inotify_init();
+  const int init_error = errno;  // fcntl on a failed descriptor would overwrite it
   ::fcntl(_inotify_fd, F_SETFL, O_NONBLOCK);
-  if (_inotify_fd < 0) cdl::throw_assert(CDL_FILE_NAME, __LINE__, "fd < 0, error: %s", std::strerror(errno));
+  if (_inotify_fd < 0) cdl::throw_assert(CDL_FILE_NAME, __LINE__, "fd < 0, error: %s", std::strerror(init_error));
   _monitor_initialised = true;
   for (const std::string& path : _paths) {
     const int watch = ::inotify_add_watch(_inotify_fd, path.c_str(), WATCH_MASK);
