@@ -147,6 +147,8 @@ int run_gen(const gen_options& options) {
     try {
       const capture_written file = write_capture_file(path, plan);
       ++written;
+      // With very high rates a file's packets may need more than its span.
+      if (file.last_ns >= first_ns) first_ns = file.last_ns + 1;
       if (!options.quiet) {
         std::printf("wrote %s: %lu bytes, %lu packets, %llu..%llu ns, hash %s\n", file.path.c_str(), file.bytes,
                     file.packets, static_cast<unsigned long long>(file.first_ns),

@@ -230,6 +230,19 @@ TEST(Gen, HonoursSizeSuffixesPrefixAndOddSizes) {
   EXPECT_EQ(sizes["tin"], 100u);
 }
 
+TEST(Gen, KeepsFilesInTimeOrderWhenTheRateLeavesLessThanANanosecondPerPacket) {
+  temp_dir dir("faitra-e2e");
+  // 1 MiB holds over a thousand packets; at a million files per second each
+  // file's span is 1000 ns.
+  const run_result r = run({"gen", dir.path(), "--count", "3", "--size", "1M", "--rate", "1000000", "--quiet"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  const std::vector<std::string> files = files_in(dir.path());
+  ASSERT_EQ(files.size(), 3u);
+  for (size_t i = 1; i < files.size(); ++i) {
+    EXPECT_GT(parse_pcap(files[i]).first_ns, parse_pcap(files[i - 1]).last_ns) << files[i];
+  }
+}
+
 TEST(Gen, RefusesBadArgumentsAndMissingDirectory) {
   temp_dir dir("faitra-e2e");
   EXPECT_NE(gen(dir.path(), 1, "99").status, 0);
