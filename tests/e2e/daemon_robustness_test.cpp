@@ -56,7 +56,7 @@ TEST_P(DaemonMalformedAttributeTest, StartsAndReportsTheFileByName) {
   EXPECT_EQ(d.stop(), 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Values, DaemonMalformedAttributeTest,
+INSTANTIATE_TEST_SUITE_P(AttributeValues, DaemonMalformedAttributeTest,
                          ::testing::Values(malformed_case{"abc", "malformed"},
                                            malformed_case{"99999999999999999999", "out of range"},
                                            malformed_case{"-5", "out of range"}));
