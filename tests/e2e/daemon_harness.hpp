@@ -20,6 +20,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -95,13 +96,17 @@ class daemon_process {
     std::vector<char*> argv;
     for (std::string& a : full) argv.push_back(a.data());
     argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, _log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-    const int spawned = ::posix_spawn(&_pid, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (spawned != 0) _pid = -1;
+    const pid_t parent = ::getpid();
+    _pid = ::fork();
+    if (_pid == 0) {
+      // Only async-signal-safe calls until exec. The daemon dies with the
+      // test process, so a test that crashes leaves no daemon behind.
+      if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() != parent) ::_exit(126);
+      const int log_fd = ::open(_log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      if (log_fd < 0 || ::dup2(log_fd, STDOUT_FILENO) < 0 || ::dup2(log_fd, STDERR_FILENO) < 0) ::_exit(127);
+      ::execv(argv[0], argv.data());
+      ::_exit(127);
+    }
   }
   ~daemon_process() {
     if (_pid > 0 && !_exited) {

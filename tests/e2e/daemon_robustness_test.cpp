@@ -20,9 +20,13 @@ using namespace std::chrono_literals;
 constexpr unsigned long MiB = 1024 * 1024;
 
 struct malformed_case {
+  const char* label;
   const char* value;   // of user.pcap_start_ts
   const char* reason;  // part of the reported reason
 };
+
+// Names the instances (in test output and in ctest).
+void PrintTo(const malformed_case& c, std::ostream* os) { *os << c.label; }
 
 class DaemonMalformedAttributeTest : public ::testing::TestWithParam<malformed_case> {};
 
@@ -57,9 +61,10 @@ TEST_P(DaemonMalformedAttributeTest, StartsAndReportsTheFileByName) {
 }
 
 INSTANTIATE_TEST_SUITE_P(AttributeValues, DaemonMalformedAttributeTest,
-                         ::testing::Values(malformed_case{"abc", "malformed"},
-                                           malformed_case{"99999999999999999999", "out of range"},
-                                           malformed_case{"-5", "out of range"}));
+                         ::testing::Values(malformed_case{"not_a_number", "abc", "malformed"},
+                                           malformed_case{"too_large", "99999999999999999999", "out of range"},
+                                           malformed_case{"negative", "-5", "out of range"}),
+                         [](const ::testing::TestParamInfo<malformed_case>& info) { return info.param.label; });
 
 // The scan examines an entry again, without advancing, while its stat
 // fails; the filter must end that loop for a file that is gone.
