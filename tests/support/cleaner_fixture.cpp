@@ -120,7 +120,7 @@ void write_capture(const std::string& path, const capture& c) {
 // ---------------------------------------------------------------------------
 // Environment
 
-cleaner_env::cleaner_env(unsigned long tmpfs_bytes) {
+cleaner_env::cleaner_env(unsigned long tmpfs_bytes, const std::function<void(const std::string& dir)>& before_scan) {
   if (tmpfs_bytes != 0) {
     _mount.emplace(tmpfs_bytes);
     if (!_mount->mounted()) {
@@ -132,6 +132,7 @@ cleaner_env::cleaner_env(unsigned long tmpfs_bytes) {
     _plain.emplace("faitra-cleaner");
     _dir = _plain->path();
   }
+  if (before_scan) before_scan(_dir);
   _cache = std::make_shared<csl::fs_cache>();
   _tracker_workers = std::make_unique<cdl::worker_group>(_core, cdl::worker_group_config{1, "Tracker"});
   _tracker_listeners = std::make_unique<cdl::task_listener_group>(*_tracker_workers);

@@ -108,9 +108,11 @@ class cleaner_env {
   using range = std::pair<unsigned long, unsigned long>;
 
   // A tmpfs of `tmpfs_bytes` (check mounted()), or with 0 a plain temporary
-  // directory. The tracker watches it from the start; the storage's delete
-  // thread runs only after start_runtime().
-  explicit cleaner_env(unsigned long tmpfs_bytes);
+  // directory. `before_scan`, when set, fills the directory before the
+  // tracker's start-up scan (so that many captures can be catalogued without
+  // flooding the inotify queue). The tracker watches it from the start; the
+  // storage's delete thread runs only after start_runtime().
+  explicit cleaner_env(unsigned long tmpfs_bytes, const std::function<void(const std::string& dir)>& before_scan = {});
   ~cleaner_env() { shutdown(); }
   cleaner_env(const cleaner_env&) = delete;
   cleaner_env& operator=(const cleaner_env&) = delete;
