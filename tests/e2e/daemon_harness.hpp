@@ -82,15 +82,16 @@ class daemon_process {
 
   // Starts `faitra serve --listen unix:<scratch>/api.sock --log-stdout`
   // (or --listen 127.0.0.1:0, the port read back from the log) followed by
-  // `args`.
-  explicit daemon_process(std::vector<std::string> args, transport how = transport::unix_socket)
+  // `args`, with `binary` as the faitra command.
+  explicit daemon_process(std::vector<std::string> args, transport how = transport::unix_socket,
+                          const std::string& binary = FAITRA_BINARY)
       : _scratch("faitra-e2e-daemon"), _tcp(how == transport::tcp) {
     // A request the daemon refuses before reading its body (401, 413) may
     // meet a closed connection; that must fail the request, not the test.
     ::signal(SIGPIPE, SIG_IGN);
     _socket = _scratch.file("api.sock");
     _log = _scratch.file("daemon.log");
-    std::vector<std::string> full = {FAITRA_BINARY, "serve", "--listen", _tcp ? "127.0.0.1:0" : "unix:" + _socket,
+    std::vector<std::string> full = {binary, "serve", "--listen", _tcp ? "127.0.0.1:0" : "unix:" + _socket,
                                      "--log-stdout"};
     full.insert(full.end(), args.begin(), args.end());
     std::vector<char*> argv;
