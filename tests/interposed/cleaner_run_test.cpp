@@ -282,6 +282,38 @@ TEST_F(CleanerRun, FailedRemovalEndsTheRunAndLeavesTheRestMarked) {
   EXPECT_FALSE(syslog_lines().contains("Filesystem cleanup has finished."));
 }
 
+// A metadata store that fails by throwing ends the run before any file is
+// removed (its selection stays marked); one that returns an error text is
+// only logged and the run goes on.
+TEST_F(CleanerRun, MetadataCallbackThatThrowsEndsTheRunBeforeAnyRemoval) {
+  env.metadata_hook = [](unsigned long, unsigned long) -> cdl::nullable<std::string> {
+    throw std::runtime_error("metadata store unreachable");
+  };
+  csl::fs_cleaner& cleaner = env.build_cleaner({.trigger = 0.5f, .stop = 0.3f});
+  add_captures(0, CAPTURES_TO_TRIGGER);
+
+  ASSERT_TRUE(syslog_lines().wait_for("Failed cleaning up captures: "));
+  EXPECT_TRUE(syslog_lines().contains("os - cleaner - Failed cleaning up captures: metadata store unreachable"));
+  EXPECT_TRUE(faitra_test::wait_until([&] { return !cleaner.cleanup_in_progress(); }));
+  for (int i = 0; i < SELECTED; ++i) {
+    EXPECT_TRUE(env.on_disk(name_of(i))) << name_of(i);
+    EXPECT_EQ(env.record(name_of(i))->deletion.load(), csl::fs_entry::deletion_by::cleanup) << name_of(i);
+  }
+
+  cleaner_env failing(TMPFS_BYTES);
+  ASSERT_TRUE(failing.ready());
+  syslog_lines().clear();
+  failing.metadata_hook = [](unsigned long, unsigned long) { return cdl::nullable<std::string>("store offline"); };
+  failing.build_cleaner({.trigger = 0.5f, .stop = 0.3f});
+  for (int i = 0; i < CAPTURES_TO_TRIGGER; ++i) ASSERT_TRUE(failing.add_capture(capture_of(i)));
+  const std::string summary = finished_summary();
+  EXPECT_TRUE(ends_with(summary, ", Deleted: 4")) << summary;
+  EXPECT_TRUE(syslog_lines().contains("os - cleaner - could not cleanup all or some metadata in range " +
+                                      std::to_string(start_of(0)) + "-" + std::to_string(start_of(SELECTED)) +
+                                      ": store offline"));
+  EXPECT_TRUE(oldest_gone(failing, SELECTED));
+}
+
 TEST_F(CleanerRun, SwitchedOffMetadataStepStillRunsForAgeCleanup) {
   env.start_runtime();
   csl::fs_cleaner& cleaner = env.build_cleaner({.trigger = 0.5f, .stop = 0.3f});
