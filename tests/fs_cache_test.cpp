@@ -141,6 +141,7 @@ TEST(FsCache, DeletionsAndTheLeftoversTheyKeep) {
   ASSERT_TRUE(cache.insert(shared_record("/c", nullopt, 200, 5, nullopt)));
   ASSERT_TRUE(cache.insert(shared_record("/d", "kd", 300, 10, 70)));
   ASSERT_TRUE(cache.insert(shared_record("/n", "kd", 400, nullopt, 7)));  // takes the key over
+  EXPECT_NE(indexes(cache).find("\nkey ka:/a kb:/b kd:/n\n"), std::string::npos) << indexes(cache);
 
   fs_entry untouched("untouched");
   EXPECT_FALSE(cache.delete_by_path(&untouched, "/none"));
