@@ -29,14 +29,15 @@ using faitra_test::text_of;
 const std::string HASH = "user.pcap_hash", START = "user.pcap_start_ts", END = "user.pcap_end_ts",
                   CREATION = "user.pcap_creation_ts";
 
-// One scan: the paths each callback saw, and the cache.
+// One scan: the records each callback saw, by path, and the cache.
 struct scan {
-  std::set<std::string> missing, empty;
+  std::map<std::string, fs_entry> missing, empty;
   csl::fs_cache cache;
   explicit scan(const std::string& dir, csl::fs_reader::filter_type filter = is_capture_name) {
     csl::fs_reader reader(std::move(filter), 236, HASH, START, END, CREATION, {}, nullptr);
     reader.collect_files(
-        dir, cache, [this](fs_entry& e) { missing.insert(e.path); }, [this](fs_entry& e) { empty.insert(e.path); });
+        dir, cache, [this](fs_entry& e) { missing.emplace(e.path, e); },
+        [this](fs_entry& e) { empty.emplace(e.path, e); });
   }
 };
 
@@ -99,6 +100,12 @@ TEST_P(FsReader, AttributeValuesSizesAndCallbacks) {
     EXPECT_EQ(e.file_size, c.size);
     EXPECT_EQ(s.missing.count(file(c.name)), std::string(c.callback) == "missing" ? 1u : 0u);
     EXPECT_EQ(s.empty.count(file(c.name)), std::string(c.callback) == "empty" ? 1u : 0u);
+    // A callback receives the loaded record.
+    for (auto* reported : {&s.missing, &s.empty}) {
+      if (reported->count(file(c.name)) != 0) {
+        EXPECT_EQ(reported->at(file(c.name)).to_str(), e.to_str());
+      }
+    }
   }
 }
 

@@ -198,6 +198,7 @@ TEST(Runtime, DestroyingAListenerGroupDropsItsQueueButWaitsForItsRunningTask) {
   EXPECT_EQ(item::destroyed - destroyed_before, 101);
   keeper_handler.open();
   ASSERT_TRUE(wait_until([&] { return keeper_handler.snapshot().size() == 2; }));
+  EXPECT_EQ(keeper_handler.snapshot(), (std::vector<std::pair<int, int>>{{0, 0}, {0, 7}}));
   EXPECT_TRUE(doomed_handler.snapshot().empty());
 
   // Its own task runs: destruction waits for it to finish.

@@ -166,8 +166,8 @@ TEST_F(CleanerRun, FreshCleanerChecksOnceAndStaysQuietBelowTheTrigger) {
   EXPECT_EQ(dispatcher.handler_count(created, csl::FS_EVENT_VERSION), 2u);
   ASSERT_TRUE(syslog_lines().wait_for("should_start_cleanup()"));
   EXPECT_TRUE(syslog_lines().matching("should_start_cleanup()").at(0).text.ends_with(
-                        "disk_usage: 524288, disk_total: 4194304, cleanup_in_progress: 0, cache_size: 2, "
-                        "percent: 0.12%, trigger: 0.50%: 0"));
+      "disk_usage: 524288, disk_total: 4194304, cleanup_in_progress: 0, cache_size: 2, percent: 0.12%, "
+      "trigger: 0.50%: 0"));
   EXPECT_EQ(sleep_calls().calls(), std::vector<unsigned int>{15});
   EXPECT_EQ(env.reset_calls(), 1u);
   EXPECT_FALSE(cleaner.cleanup_in_progress());
