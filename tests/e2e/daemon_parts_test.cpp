@@ -88,10 +88,10 @@ TEST(CommandRunnerTest, KillsACommandPastItsTimeLimitOrWhenCancelled) {
 TEST(ListenAddressTest, AcceptsTheThreeFormsAndNothingElse) {
   faitra_cli::listen_address a;
   std::string error;
-  ASSERT_TRUE(faitra_cli::parse_listen_address("127.0.0.1:8470", a, error));
+  ASSERT_TRUE(faitra_cli::parse_listen_address("127.0.0.1:65535", a, error));
   EXPECT_FALSE(a.unix_socket);
   EXPECT_EQ(a.host, "127.0.0.1");
-  EXPECT_EQ(a.port, 8470);
+  EXPECT_EQ(a.port, 65535);
   ASSERT_TRUE(faitra_cli::parse_listen_address("[::1]:0", a, error));
   EXPECT_EQ(a.host, "::1");
   EXPECT_EQ(a.port, 0);
@@ -130,23 +130,24 @@ TEST(ReconcileCompareTest, FindsMissingExtraAndChangedRecords) {
   csl::fs_cache catalogue;
   csl::fs_cache disk;
   using faitra_test::shared_record;
-  catalogue.insert(shared_record("/d/same", std::string("k"), 1, 10, 20, 100));
-  disk.insert(shared_record("/d/same", std::string("k"), 1, 10, 20, 100));
-  catalogue.insert(shared_record("/d/gone", std::string("g"), 1, 10, 20, 100));
-  disk.insert(shared_record("/d/new", std::string("n"), 1, 10, 20, 100));
-  catalogue.insert(shared_record("/d/size", std::string("s"), 1, 10, 20, 100));
-  disk.insert(shared_record("/d/size", std::string("s"), 1, 10, 20, 101));
-  catalogue.insert(shared_record("/d/end", std::string("e"), 1, 10, 20, 100));
-  disk.insert(shared_record("/d/end", std::string("e"), 1, 10, std::nullopt, 100));
-  catalogue.insert(shared_record("/d/key", std::nullopt, 1, 10, 20, 100));
-  disk.insert(shared_record("/d/key", std::string("x"), 1, 10, 20, 100));
-  catalogue.insert(shared_record("/d/creation", std::string("c"), 1, 10, 20, 100));
-  disk.insert(shared_record("/d/creation", std::string("c"), 2, 10, 20, 100));
+  const auto none = std::nullopt;
+  for (const auto& [path, key] : {std::pair{"/d/same", "k"}, {"/d/gone", "g"}, {"/d/size", "s"}, {"/d/end", "e"},
+                                  {"/d/creation", "c"}, {"/d/marked", "m"}}) {
+    catalogue.insert(shared_record(path, key, 1, 10, 20, 100));
+  }
+  catalogue.insert(shared_record("/d/key", none, 1, 10, 20, 100));
+  for (const auto& [path, key] : {std::pair{"/d/same", "k"}, {"/d/new", "n"}, {"/d/marked", "m"}}) {
+    disk.insert(shared_record(path, key, 1, 10, 20, 100));
+  }
+  disk.insert(shared_record("/d/size", "s", 1, 10, 20, 101));
+  disk.insert(shared_record("/d/end", "e", 1, 10, none, 100));
+  disk.insert(shared_record("/d/key", "x", 1, 10, 20, 100));
+  disk.insert(shared_record("/d/creation", "c", 2, 10, 20, 100));
   // A marked record says the same about the file as an unmarked one.
-  auto marked = shared_record("/d/marked", std::string("m"), 1, 10, 20, 100);
-  marked->deletion = csl::fs_entry::deletion_by::requested;
-  catalogue.insert(std::move(marked));
-  disk.insert(shared_record("/d/marked", std::string("m"), 1, 10, 20, 100));
+  csl::fs_entry marked;
+  catalogue.by_path(marked, "/d/marked");
+  marked.deletion = csl::fs_entry::deletion_by::requested;
+  catalogue.update(marked);
   EXPECT_EQ(faitra_cli::differing_paths(catalogue, disk),
             (std::vector<std::string>{"/d/creation", "/d/end", "/d/gone", "/d/key", "/d/new", "/d/size"}));
   EXPECT_TRUE(faitra_cli::differing_paths(disk, disk).empty());

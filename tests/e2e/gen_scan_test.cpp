@@ -5,10 +5,10 @@
 #include "support/wait.hpp"
 
 #include <gtest/gtest.h>
-#include <rapidjson/document.h>
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -19,7 +19,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -211,23 +210,15 @@ TEST(Gen, WritesValidCapturesWhoseAttributesMatchTheirContent) {
   EXPECT_NE(xattr(files[0], "user.pcap_hash"), xattr(files[1], "user.pcap_hash"));
 }
 
-TEST(Gen, HonoursSizeSuffixesPrefixAndOddSizes) {
+TEST(Gen, HonoursSizeSuffixesAndOddSizes) {
   temp_dir dir("faitra-e2e");
   ASSERT_EQ(gen(dir.path(), 1, "1M", {"--prefix", "big", "--quiet"}).status, 0);
   ASSERT_EQ(gen(dir.path(), 1, "1001", {"--prefix", "odd"}).status, 0);
-  ASSERT_EQ(gen(dir.path(), 1, "100", {"--prefix", "tiny"}).status, 0);
   const std::vector<std::string> files = files_in(dir.path());
-  ASSERT_EQ(files.size(), 3u);
-  std::map<std::string, uint64_t> sizes;
-  for (const std::string& path : files) {
-    sizes[std::filesystem::path(path).filename().string().substr(0, 3)] = std::filesystem::file_size(path);
-    const pcap_summary pcap = parse_pcap(path);
-    EXPECT_EQ(xattr_number(path, "user.pcap_end_ts"), pcap.last_ns) << path;
-    EXPECT_EQ(xattr(path, "user.pcap_hash"), fnv1a64_hex(read_file(path))) << path;
-  }
-  EXPECT_EQ(sizes["big"], 1048576u);
-  EXPECT_EQ(sizes["odd"], 1001u);
-  EXPECT_EQ(sizes["tin"], 100u);
+  ASSERT_EQ(files.size(), 2u);
+  EXPECT_EQ(std::filesystem::file_size(files[0]), 1048576u);
+  EXPECT_EQ(std::filesystem::file_size(files[1]), 1001u);
+  for (const std::string& path : files) EXPECT_EQ(xattr_number(path, "user.pcap_end_ts"), parse_pcap(path).last_ns);
 }
 
 TEST(Gen, KeepsFilesInTimeOrderWhenTheRateLeavesLessThanANanosecondPerPacket) {
@@ -291,71 +282,18 @@ TEST(Gen, DropsCapturesThatDoNotFitAndGoesOn) {
   }
 }
 
-struct json_record {
-  std::string path;
-  bool key_null = true;
-  std::string key;
-  uint64_t creation_ts = 0;
-  bool start_null = true;
-  uint64_t start_ts = 0;
-  bool end_null = true;
-  uint64_t end_ts = 0;
-  uint64_t file_size = 0;
-  bool pending_deletion = true;
-};
-
-// Parses one line of scan output; fails the test unless it is a complete
-// record with the members in the record's order.
-json_record parse_record(const std::string& line) {
-  json_record r;
-  rapidjson::Document doc;
-  doc.Parse(line.c_str());
-  EXPECT_FALSE(doc.HasParseError()) << line;
-  EXPECT_TRUE(doc.IsObject()) << line;
-  if (doc.HasParseError() || !doc.IsObject()) return r;
-  const char* order[] = {"path", "key", "creation_ts", "start_ts", "end_ts", "file_size", "pending_deletion"};
-  EXPECT_EQ(doc.MemberCount(), 7u) << line;
-  size_t i = 0;
-  for (auto it = doc.MemberBegin(); it != doc.MemberEnd() && i < 7; ++it, ++i) {
-    EXPECT_STREQ(it->name.GetString(), order[i]) << line;
-  }
-  if (doc.MemberCount() != 7) return r;
-  r.path = doc["path"].GetString();
-  r.key_null = doc["key"].IsNull();
-  if (!r.key_null) r.key = doc["key"].GetString();
-  r.creation_ts = doc["creation_ts"].GetUint64();
-  r.start_null = doc["start_ts"].IsNull();
-  if (!r.start_null) r.start_ts = doc["start_ts"].GetUint64();
-  r.end_null = doc["end_ts"].IsNull();
-  if (!r.end_null) r.end_ts = doc["end_ts"].GetUint64();
-  r.file_size = doc["file_size"].GetUint64();
-  r.pending_deletion = doc["pending_deletion"].GetBool();
-  return r;
-}
-
-std::vector<json_record> records_of(const std::string& out) {
-  std::vector<json_record> records;
-  for (const std::string& line : lines_of(out)) records.push_back(parse_record(line));
-  return records;
-}
-
-void expect_matches_file(const json_record& r) {
-  SCOPED_TRACE(r.path);
-  ASSERT_FALSE(r.key_null);
-  EXPECT_EQ(r.key, xattr(r.path, "user.pcap_hash"));
-  EXPECT_EQ(r.key, fnv1a64_hex(read_file(r.path)));
-  ASSERT_FALSE(r.start_null);
-  ASSERT_FALSE(r.end_null);
-  EXPECT_EQ(r.start_ts, xattr_number(r.path, "user.pcap_start_ts"));
-  EXPECT_EQ(r.end_ts, xattr_number(r.path, "user.pcap_end_ts"));
-  EXPECT_EQ(r.creation_ts, xattr_number(r.path, "user.pcap_creation_ts"));
-  EXPECT_EQ(r.file_size, std::filesystem::file_size(r.path));
-  EXPECT_FALSE(r.pending_deletion);
+// The scan line a capture written by gen must give: its record, members in
+// the record's order, read back from the file itself.
+std::string expected_line(const std::string& path) {
+  return "{\"path\":\"" + path + "\",\"key\":\"" + xattr(path, "user.pcap_hash") +
+         "\",\"creation_ts\":" + xattr(path, "user.pcap_creation_ts") + ",\"start_ts\":" +
+         xattr(path, "user.pcap_start_ts") + ",\"end_ts\":" + xattr(path, "user.pcap_end_ts") +
+         ",\"file_size\":" + std::to_string(std::filesystem::file_size(path)) + ",\"pending_deletion\":false}";
 }
 
 TEST(Scan, ListsEveryCaptureInPathOrderAsRecords) {
   temp_dir dir("faitra-e2e");
-  ASSERT_EQ(gen(dir.path(), 5, "8K").status, 0);
+  ASSERT_EQ(gen(dir.path(), 3, "8K").status, 0);
   // Not captures: another suffix, and a subdirectory (never recursed into).
   faitra_test::write_file(dir.file("notes.txt"), 10);
   std::filesystem::create_directory(dir.file("sub.pcap.d"));
@@ -366,24 +304,16 @@ TEST(Scan, ListsEveryCaptureInPathOrderAsRecords) {
   const run_result r = run({"scan", dir.path() + "/"});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.err, "");
-  const std::vector<json_record> records = records_of(r.out);
-  ASSERT_EQ(records.size(), 6u) << r.out;
-
   std::vector<std::string> expected;
   for (const std::string& path : files_in(dir.path())) {
-    if (path.ends_with(".pcap") || path.ends_with(".pcapng")) expected.push_back(path);
+    if (path.ends_with(".pcap")) expected.push_back(expected_line(path));
   }
-  std::vector<std::string> listed;
-  for (const json_record& record : records) listed.push_back(record.path);
-  EXPECT_EQ(listed, expected);
-
-  for (size_t i = 0; i < 5; ++i) expect_matches_file(records[i]);
-  const json_record& unfinished = records[5];
-  EXPECT_TRUE(unfinished.key_null);
-  EXPECT_TRUE(unfinished.start_null);
-  EXPECT_TRUE(unfinished.end_null);
-  EXPECT_EQ(unfinished.file_size, 300u);
-  EXPECT_GT(unfinished.creation_ts, 0u) << "the modification time stands in";
+  struct stat status {};
+  ASSERT_EQ(::stat(dir.file("zz-unfinished.pcapng").c_str(), &status), 0);
+  expected.push_back("{\"path\":\"" + dir.file("zz-unfinished.pcapng") + "\",\"key\":null,\"creation_ts\":" +
+                     std::to_string(status.st_mtime) +
+                     ",\"start_ts\":null,\"end_ts\":null,\"file_size\":300,\"pending_deletion\":false}");
+  EXPECT_EQ(lines_of(r.out), expected);
 }
 
 TEST(Scan, SkipsAndReportsAFileWithAMalformedAttribute) {
@@ -396,55 +326,39 @@ TEST(Scan, SkipsAndReportsAFileWithAMalformedAttribute) {
 
   const run_result r = run({"scan", dir.path()});
   ASSERT_EQ(r.status, 0) << r.err;
-  const std::vector<json_record> records = records_of(r.out);
-  ASSERT_EQ(records.size(), 2u) << r.out;
-  EXPECT_EQ(records[0].path, files[0]);
-  EXPECT_EQ(records[1].path, files[3]);
-  for (const json_record& record : records) expect_matches_file(record);
+  EXPECT_EQ(lines_of(r.out), (std::vector<std::string>{expected_line(files[0]), expected_line(files[3])}));
   // One line per skipped file, naming it and the cause (in directory order).
-  const std::vector<std::string> errors = lines_of(r.err);
+  std::vector<std::string> errors = lines_of(r.err);
   ASSERT_EQ(errors.size(), 2u) << r.err;
-  const bool first_is_start = errors[0].find(files[1]) != std::string::npos;
-  const std::string& start_line = first_is_start ? errors[0] : errors[1];
-  const std::string& creation_line = first_is_start ? errors[1] : errors[0];
-  EXPECT_NE(start_line.find(files[1] + ":"), std::string::npos) << r.err;
-  EXPECT_NE(start_line.find("yesterday"), std::string::npos) << r.err;
-  EXPECT_NE(creation_line.find(files[2] + ":"), std::string::npos) << r.err;
-  EXPECT_NE(creation_line.find("99999999999999999999999"), std::string::npos) << r.err;
+  std::sort(errors.begin(), errors.end());
+  EXPECT_NE(errors[0].find(files[1] + ":"), std::string::npos) << r.err;
+  EXPECT_NE(errors[0].find("yesterday"), std::string::npos) << r.err;
+  EXPECT_NE(errors[1].find(files[2] + ":"), std::string::npos) << r.err;
+  EXPECT_NE(errors[1].find("99999999999999999999999"), std::string::npos) << r.err;
 }
 
-TEST(Scan, MergesSeveralDirectoriesInPathOrder) {
+TEST(Scan, MergesSeveralDirectoriesInPathOrderAndSuffixesReplaceTheDefault) {
   temp_dir parent("faitra-e2e");
   // "a-b/..." sorts before "a/..." although "a" < "a-b".
   std::filesystem::create_directory(parent.file("a"));
   std::filesystem::create_directory(parent.file("a-b"));
-  ASSERT_EQ(gen(parent.file("a"), 2, "4K").status, 0);
-  ASSERT_EQ(gen(parent.file("a-b"), 2, "4K").status, 0);
-
+  ASSERT_EQ(gen(parent.file("a"), 1, "4K").status, 0);
+  ASSERT_EQ(gen(parent.file("a-b"), 1, "4K").status, 0);
   const run_result r = run({"scan", parent.file("a"), parent.file("a-b"), parent.file("a")});
   ASSERT_EQ(r.status, 0) << r.err;
-  const std::vector<json_record> records = records_of(r.out);
-  ASSERT_EQ(records.size(), 4u) << r.out;
-  std::vector<std::string> listed;
-  for (const json_record& record : records) listed.push_back(record.path);
-  EXPECT_TRUE(std::is_sorted(listed.begin(), listed.end()));
-  EXPECT_EQ(listed[0].rfind(parent.file("a-b/"), 0), 0u) << listed[0];
-  EXPECT_EQ(listed[3].rfind(parent.file("a/"), 0), 0u) << listed[3];
-  for (const json_record& record : records) expect_matches_file(record);
-}
+  const auto listed = lines_of(r.out);
+  ASSERT_EQ(listed.size(), 2u) << r.out;
+  EXPECT_EQ(listed[0], expected_line(files_in(parent.file("a-b"))[0]));
+  EXPECT_EQ(listed[1], expected_line(files_in(parent.file("a"))[0]));
 
-TEST(Scan, SuffixOptionsReplaceTheDefault) {
-  temp_dir dir("faitra-e2e");
-  ASSERT_EQ(gen(dir.path(), 1, "4K").status, 0);
-  faitra_test::write_file(dir.file("one.cap"), 10);
-  faitra_test::write_file(dir.file("two.dump"), 10);
-
-  const run_result r = run({"scan", "--suffix", ".cap", "--suffix", ".dump", dir.path()});
-  ASSERT_EQ(r.status, 0) << r.err;
-  const std::vector<json_record> records = records_of(r.out);
-  ASSERT_EQ(records.size(), 2u) << r.out;
-  EXPECT_EQ(records[0].path, dir.file("one.cap"));
-  EXPECT_EQ(records[1].path, dir.file("two.dump"));
+  faitra_test::write_file(parent.file("a/one.cap"), 10);
+  faitra_test::write_file(parent.file("a/two.dump"), 10);
+  const run_result suffixes = run({"scan", "--suffix", ".cap", "--suffix", ".dump", parent.file("a")});
+  ASSERT_EQ(suffixes.status, 0) << suffixes.err;
+  const auto other = lines_of(suffixes.out);
+  ASSERT_EQ(other.size(), 2u) << suffixes.out;
+  EXPECT_EQ(other[0].rfind("{\"path\":\"" + parent.file("a/one.cap") + "\"", 0), 0u) << other[0];
+  EXPECT_EQ(other[1].rfind("{\"path\":\"" + parent.file("a/two.dump") + "\"", 0), 0u) << other[1];
 }
 
 TEST(Scan, FailsClearlyOnAMissingDirectory) {

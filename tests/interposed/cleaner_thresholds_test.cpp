@@ -127,56 +127,37 @@ TEST(DiskUsagePercent, IsTheFractionOfOneComputedInSinglePrecision) {
   EXPECT_TRUE(std::isnan(csl::fs_cleaner::disk_usage_percent(0, 0)));
 }
 
-TEST_F(CleanerThresholds, StartsAtOrAboveTheTriggerOnlyWithCapturesCatalogued) {
-  struct row {
+TEST_F(CleanerThresholds, DecisionsAreAtOrAboveTheFractionAndNeedCapturesCatalogued) {
+  const struct {
     const char* what;
     unsigned long used, total;
     size_t records;
-    bool expected;
-  };
-  const row rows[] = {
-      {"exactly at the trigger", 9, 10, 1, true},
-      {"just below the trigger", 8999999, 10000000, 1, false},
-      {"full disk, empty catalogue", 10, 10, 0, false},
-      {"zero total (NaN fraction)", 0, 0, 3, false},
+    bool start;     // trigger 0.9
+    bool go_on;     // stop 0.5
+  } rows[] = {
+      {"at the trigger", 9, 10, 1, true, true},
+      {"just below the trigger", 8999999, 10000000, 1, false, true},
+      {"at the stop", 2, 4, 1, false, true},
+      {"just below the stop", 1999999, 4000000, 1, false, false},
+      {"full disk, empty catalogue", 10, 10, 0, false, false},
+      {"zero total (NaN fraction)", 0, 0, 3, false, false},
   };
   csl::fs_cleaner& cleaner = inert_cleaner();
-  for (const row& r : rows) {
+  for (const auto& r : rows) {
     SCOPED_TRACE(r.what);
     set_usage(r.used, r.total);
     catalogue(r.records);
     cleaner.read_disk_usage(false);
     EXPECT_EQ(cleaner.disk_usage(), r.used * BLOCK);
     EXPECT_EQ(cleaner.disk_total(), r.total * BLOCK);
-    EXPECT_EQ(cleaner.should_start_cleanup(), r.expected);
+    EXPECT_EQ(cleaner.should_start_cleanup(), r.start);
+    EXPECT_EQ(cleaner.should_continue_cleanup(r.used, r.total), r.go_on);
   }
   EXPECT_EQ(sleep_calls().count(), 0u) << "sampling without a refresh never pauses";
 }
 
-TEST_F(CleanerThresholds, ContinuesAtOrAboveTheStopOnlyWithCapturesCatalogued) {
-  struct row {
-    const char* what;
-    unsigned long used, total;
-    size_t records;
-    bool expected;
-  };
-  // stop is 0.5
-  const row rows[] = {
-      {"exactly at the stop", 2, 4, 1, true},
-      {"just below the stop", 1999999, 4000000, 1, false},
-      {"above the stop, empty catalogue", 4, 4, 0, false},
-      {"zero total (NaN fraction)", 0, 0, 1, false},
-  };
-  csl::fs_cleaner& cleaner = inert_cleaner();
-  for (const row& r : rows) {
-    SCOPED_TRACE(r.what);
-    catalogue(r.records);
-    EXPECT_EQ(cleaner.should_continue_cleanup(r.used, r.total), r.expected);
-  }
-}
-
 TEST_F(CleanerThresholds, VerboseDecisionsWriteOneDebugLineEach) {
-  for (const bool verbose : {true, false}) {
+  for (const bool verbose : {false, true}) {
     SCOPED_TRACE(verbose ? "verbose" : "quiet");
     syslog_lines().clear();
     csl::fs_cleaner& cleaner = inert_cleaner(verbose);
@@ -185,13 +166,9 @@ TEST_F(CleanerThresholds, VerboseDecisionsWriteOneDebugLineEach) {
     cleaner.read_disk_usage(false);
     EXPECT_TRUE(cleaner.should_start_cleanup());
     EXPECT_FALSE(cleaner.should_continue_cleanup(1, 4));
-
     const auto lines = syslog_lines().lines();
-    if (!verbose) {
-      EXPECT_TRUE(lines.empty());
-      continue;
-    }
-    ASSERT_EQ(lines.size(), 2u);
+    ASSERT_EQ(lines.size(), verbose ? 2u : 0u);
+    if (!verbose) continue;
     EXPECT_EQ(lines[0].priority, LOG_DEBUG);
     EXPECT_EQ(lines[0].text,
               "os - cleaner - should_start_cleanup(): disk_usage: 36864, disk_total: 40960, cleanup_in_progress: 0, "
@@ -205,15 +182,9 @@ TEST_F(CleanerThresholds, VerboseDecisionsWriteOneDebugLineEach) {
 
 TEST(BytesToMetric, PicksTheUnitByPowersOf1024) {
   const std::pair<unsigned long, const char*> rows[] = {
-      {0, "0 B"},
-      {1023, "1023 B"},
-      {1024, "1.00 KB"},
-      {1536, "1.50 KB"},
-      {1048575, "1024.00 KB"},
-      {1048576, "1.00  MB"},
+      {1023, "1023 B"}, {1024, "1.00 KB"}, {1048575, "1024.00 KB"}, {1048576, "1.00  MB"},
       {1073741823, "1024.00  MB"},  // rounds up to 2^30 as a float
-      {1073741824, "1.00 GB"},
-      {5UL << 40, "5120.00 GB"},
+      {1073741824, "1.00 GB"}, {5UL << 40, "5120.00 GB"},
   };
   for (const auto& [bytes, text] : rows) EXPECT_EQ(csl::bytes_to_metric(bytes), text) << bytes;
 }

@@ -1,4 +1,4 @@
-// Polling helpers: tests wait for conditions, never for fixed times.
+// Polling: tests wait for conditions, never for fixed times.
 #pragma once
 
 #include <chrono>
