@@ -5,6 +5,7 @@
 #include <cdl/json_writer.hpp>
 #include <cdl/text.hpp>
 
+#include <cstdint>
 #include <cstdio>
 #include <functional>
 #include <limits>
@@ -99,6 +100,7 @@ const char* reason_phrase(int status) {
     case 404: return "not found";
     case 405: return "method not allowed";
     case 408: return "request timeout";
+    case 411: return "length required";
     case 413: return "payload too large";
     case 414: return "URI too long";
     case 416: return "range not satisfiable";
@@ -122,6 +124,24 @@ void http_api::install(httplib::Server& server) {
   // limit is higher, and the handlers check the API's own after reading.
   server.set_payload_max_length(HTTPLIB_BODY_LIMIT);
 
+  // Runs before httplib reads a body. httplib applies its limit only to a
+  // body announced with Content-Length: a chunked body is collected in full,
+  // however large, and one announced above the limit is read to its end
+  // (and thrown away) before the answer. Neither may hold the daemon: the
+  // API's bodies are small JSON documents that every client sends with a
+  // length, so chunked bodies are refused, and a body above the limit is
+  // answered at once and its connection closed.
+  server.set_pre_routing_handler([](const httplib::Request& req, httplib::Response& res) {
+    if (req.has_header("Transfer-Encoding")) {
+      send_error(res, 411, "send the body with a Content-Length, not in chunks");
+    } else if (req.get_header_value<uint64_t>("Content-Length") > HTTPLIB_BODY_LIMIT) {
+      send_error(res, 413, "the body is larger than " + std::to_string(MAX_BODY_BYTES) + " bytes");
+    } else {
+      return httplib::Server::HandlerResponse::Unhandled;
+    }
+    res.set_header("Connection", "close");
+    return httplib::Server::HandlerResponse::Handled;
+  });
 
   server.set_error_handler([](const httplib::Request& req, httplib::Response& res) {
     if (!res.body.empty()) return;
