@@ -4,11 +4,8 @@
 #include <cdl/json_values.hpp>
 #include <cdl/json_writer.hpp>
 #include <cdl/text.hpp>
-#include <cdl/utils.hpp>
 
-#include <rapidjson/document.h>
-#include <rapidjson/error/en.h>
-
+#include <cstdint>
 #include <cstdio>
 #include <functional>
 #include <limits>
@@ -19,7 +16,6 @@ namespace faitra_cli {
 
 namespace {
 
-constexpr unsigned long NS_PER_SECOND = 1000000000UL;
 const char* const JSON_TYPE = "application/json";
 
 using handler = std::function<void(const httplib::Request&, httplib::Response&)>;
@@ -48,81 +44,6 @@ void send_error(httplib::Response& res, int status, const std::string& message) 
 void send_json(httplib::Response& res, int status, cdl::json_writer& w) {
   res.status = status;
   res.set_content(w.take(), JSON_TYPE);
-}
-
-// The parameters of the request's query string. httplib also files the
-// fields of a form-encoded body under Request::params; the API never takes
-// parameters from a body, so it reads the query string itself.
-httplib::Params query_params(const httplib::Request& req) {
-  httplib::Params params;
-  const auto question = req.target.find('?');
-  if (question != std::string::npos) httplib::detail::parse_query_text(req.target.substr(question + 1), params);
-  return params;
-}
-
-// Refuses parameters other than `allowed`, and any parameter given twice.
-httplib::Params checked_params(const httplib::Request& req, const std::set<std::string>& allowed) {
-  httplib::Params params = query_params(req);
-  for (const auto& [name, value] : params) {
-    if (allowed.count(name) == 0) throw api_error(400, "unknown parameter: " + name);
-    if (params.count(name) > 1) throw api_error(400, "parameter given more than once: " + name);
-  }
-  return params;
-}
-
-std::optional<std::string> param(const httplib::Params& params, const std::string& name) {
-  const auto it = params.find(name);
-  if (it == params.end()) return std::nullopt;
-  return it->second;
-}
-
-std::optional<unsigned long> unsigned_param(const httplib::Params& params, const std::string& name) {
-  const auto text = param(params, name);
-  if (!text) return std::nullopt;
-  return parse_unsigned(name, *text);
-}
-
-struct time_range {
-  unsigned long start;
-  unsigned long end;
-};
-
-// start and end together, or neither.
-std::optional<time_range> range_params(const httplib::Params& params) {
-  const auto start = unsigned_param(params, "start");
-  const auto end = unsigned_param(params, "end");
-  if (!start && !end) return std::nullopt;
-  if (!start || !end) throw api_error(400, "start and end must be given together");
-  if (*start > *end) throw api_error(400, "start must not be after end");
-  return time_range{*start, *end};
-}
-
-// The body as a JSON object with exactly the members `required`.
-rapidjson::Document json_body(const httplib::Request& req, const std::set<std::string>& required) {
-  rapidjson::Document doc;
-  doc.Parse(req.body.data(), req.body.size());
-  if (doc.HasParseError()) {
-    throw api_error(400, std::string("malformed JSON body: ") + rapidjson::GetParseError_En(doc.GetParseError()) +
-                             " at offset " + std::to_string(doc.GetErrorOffset()));
-  }
-  if (!doc.IsObject()) throw api_error(400, "the body must be a JSON object");
-  for (auto m = doc.MemberBegin(); m != doc.MemberEnd(); ++m) {
-    const std::string name(m->name.GetString(), m->name.GetStringLength());
-    if (required.count(name) == 0) throw api_error(400, "unknown member in the body: " + name);
-  }
-  for (const std::string& name : required) {
-    if (!doc.HasMember(name.c_str())) throw api_error(400, "missing member in the body: " + name);
-  }
-  if (doc.MemberCount() != required.size()) throw api_error(400, "a member is given more than once");
-  return doc;
-}
-
-unsigned long body_unsigned(const rapidjson::Document& doc, const char* name) {
-  const auto& v = doc[name];
-  if (!v.IsUint64()) {
-    throw api_error(400, std::string(name) + " must be a non-negative integer that fits 64 bits");
-  }
-  return v.GetUint64();
 }
 
 void write_record(cdl::json_writer& w, const csl::fs_entry& e) { e.to_json(w, {}, {}); }
@@ -179,6 +100,7 @@ const char* reason_phrase(int status) {
     case 404: return "not found";
     case 405: return "method not allowed";
     case 408: return "request timeout";
+    case 411: return "length required";
     case 413: return "payload too large";
     case 414: return "URI too long";
     case 416: return "range not satisfiable";
@@ -188,24 +110,6 @@ const char* reason_phrase(int status) {
 }
 
 }  // namespace
-
-unsigned long parse_unsigned(const std::string& name, const std::string& text) {
-  if (text.empty()) throw api_error(400, name + " is empty");
-  for (const char c : text) {
-    if (c == '-') throw api_error(400, name + " must not be negative: " + text);
-    if (c < '0' || c > '9') throw api_error(400, name + " is not a decimal integer: " + text);
-  }
-  try {
-    unsigned long consumed = 0;
-    const unsigned long value = cdl::from_str<unsigned long>(text, &consumed, 10);
-    if (consumed != text.size()) throw api_error(400, name + " is not a decimal integer: " + text);
-    return value;
-  } catch (const cdl::not_in_range_error&) {
-    throw api_error(400, name + " does not fit 64 bits: " + text);
-  } catch (const cdl::unrecognized_value_error&) {
-    throw api_error(400, name + " is not a decimal integer: " + text);
-  }
-}
 
 http_api::http_api(capture_daemon& daemon, std::optional<std::string> token)
     : _daemon(daemon), _token(std::move(token)) {}
@@ -219,6 +123,25 @@ void http_api::install(httplib::Server& server) {
   // client may then see a reset connection instead of the answer. So its
   // limit is higher, and the handlers check the API's own after reading.
   server.set_payload_max_length(HTTPLIB_BODY_LIMIT);
+
+  // Runs before httplib reads a body. httplib applies its limit only to a
+  // body announced with Content-Length: a chunked body is collected in full,
+  // however large, and one announced above the limit is read to its end
+  // (and thrown away) before the answer. Neither may hold the daemon: the
+  // API's bodies are small JSON documents that every client sends with a
+  // length, so chunked bodies are refused, and a body above the limit is
+  // answered at once and its connection closed.
+  server.set_pre_routing_handler([](const httplib::Request& req, httplib::Response& res) {
+    if (req.has_header("Transfer-Encoding")) {
+      send_error(res, 411, "send the body with a Content-Length, not in chunks");
+    } else if (req.get_header_value<uint64_t>("Content-Length") > HTTPLIB_BODY_LIMIT) {
+      send_error(res, 413, "the body is larger than " + std::to_string(MAX_BODY_BYTES) + " bytes");
+    } else {
+      return httplib::Server::HandlerResponse::Unhandled;
+    }
+    res.set_header("Connection", "close");
+    return httplib::Server::HandlerResponse::Handled;
+  });
 
   server.set_error_handler([](const httplib::Request& req, httplib::Response& res) {
     if (!res.body.empty()) return;
@@ -264,9 +187,7 @@ void http_api::install(httplib::Server& server) {
           res.set_header("WWW-Authenticate", "Bearer realm=\"faitra\"");
           throw api_error(401, "missing or wrong bearer token");
         }
-        if (req.body.size() > MAX_BODY_BYTES) {
-          throw api_error(413, "the body is larger than " + std::to_string(MAX_BODY_BYTES) + " bytes");
-        }
+        check_body_size(req.body);
         h(req, res);
       } catch (const api_error& e) {
         send_error(res, e.status(), e.what());
@@ -275,11 +196,9 @@ void http_api::install(httplib::Server& server) {
   };
 
   server.Get("/v1/captures", guarded([&d](const httplib::Request& req, httplib::Response& res) {
-    const httplib::Params params = checked_params(req, {"start", "end", "limit"});
-    const auto range = range_params(params);
-    const auto limit_param = unsigned_param(params, "limit");
-    if (limit_param && *limit_param == 0) throw api_error(400, "limit must be at least 1");
-    const unsigned long limit = limit_param.value_or(std::numeric_limits<unsigned long>::max());
+    const list_request query = parse_list_request(req.target);
+    const auto& range = query.range;
+    const unsigned long limit = query.limit;
     std::vector<csl::fs_entry> records;
     if (range) {
       d.cache().by_time(records, range->start, range->end);
@@ -302,46 +221,30 @@ void http_api::install(httplib::Server& server) {
   }));
 
   server.Get("/v1/captures/lookup", guarded([&d](const httplib::Request& req, httplib::Response& res) {
-    const auto path = param(checked_params(req, {"path"}), "path");
-    if (!path || path->empty()) throw api_error(400, "path is required");
+    const std::string path = parse_lookup_request(req.target);
     csl::fs_entry record;
-    if (!d.cache().by_path(record, *path)) throw api_error(404, "no capture is catalogued at " + *path);
+    if (!d.cache().by_path(record, path)) throw api_error(404, "no capture is catalogued at " + path);
     cdl::json_writer w;
     write_record(w, record);
     send_json(res, 200, w);
   }));
 
   server.Delete("/v1/captures", guarded([&d](const httplib::Request& req, httplib::Response& res) {
-    const httplib::Params params = checked_params(req, {"path", "start", "end", "by", "all"});
-    const auto path = param(params, "path");
-    const auto all = param(params, "all");
-    const auto by = param(params, "by");
-    const bool has_range = params.count("start") != 0 || params.count("end") != 0;
-    const int forms = (path ? 1 : 0) + (all ? 1 : 0) + (has_range ? 1 : 0);
-    if (forms != 1) throw api_error(400, "give exactly one of: path, start and end, all=true");
-    if (by && !has_range) throw api_error(400, "by applies only to a time range");
+    const delete_request del = parse_delete_request(req.target);
     cdl::json_writer w;
     w.begin_object();
     w.key("marked", true);
-    if (path) {
-      if (path->empty()) throw api_error(400, "path is empty");
+    if (del.what == delete_request::form::path) {
       // Only an exact catalogued path is ever marked; anything else (a
       // relative path, "..", a link to elsewhere) is simply not found.
-      if (!d.cache().path_exists(*path)) throw api_error(404, "no capture is catalogued at " + *path);
-      w.value<bool>(d.storage().delete_by_path(*path, csl::fs_entry::deletion_by::requested));
-    } else if (all) {
-      if (*all != "true") throw api_error(400, "all must be true");
+      if (!d.cache().path_exists(del.path)) throw api_error(404, "no capture is catalogued at " + del.path);
+      w.value<bool>(d.storage().delete_by_path(del.path, csl::fs_entry::deletion_by::requested));
+    } else if (del.what == delete_request::form::all) {
       w.value<unsigned long>(d.storage().clear(csl::fs_entry::deletion_by::requested));
     } else {
-      const auto range = range_params(params);
-      bool by_start = true;
-      if (by && *by == "creation") {
-        by_start = false;
-      } else if (by && *by != "start") {
-        throw api_error(400, "by must be start or creation");
-      }
       std::vector<csl::fs_entry> marked;
-      d.storage().delete_by_time(marked, range->start, range->end, by_start, csl::fs_entry::deletion_by::requested);
+      d.storage().delete_by_time(marked, del.range.start, del.range.end, del.by_start,
+                                 csl::fs_entry::deletion_by::requested);
       w.begin_array();
       for (const csl::fs_entry& e : marked) write_record(w, e);
       w.end_array();
@@ -351,34 +254,19 @@ void http_api::install(httplib::Server& server) {
   }));
 
   server.Get("/v1/storage", guarded([&d](const httplib::Request& req, httplib::Response& res) {
-    checked_params(req, {});
+    parse_plain_request(req.target);
     cdl::json_writer w;
     d.storage().state().to_json(w, {}, {});
     send_json(res, 200, w);
   }));
 
   server.Post("/v1/cleanup/age", guarded([&d, log](const httplib::Request& req, httplib::Response& res) {
-    checked_params(req, {});
-    const rapidjson::Document doc = json_body(req, {"mode", "cutoff"});
-    if (!doc["mode"].IsString()) throw api_error(400, "mode must be a string");
-    const std::string mode_text = doc["mode"].GetString();
-    csl::age_cleanup_state::cleanup_mode mode;
-    if (mode_text == "files") {
-      mode = csl::age_cleanup_state::files;
-    } else if (mode_text == "metadata") {
-      mode = csl::age_cleanup_state::metadata;
-    } else if (mode_text == "both") {
-      mode = csl::age_cleanup_state::both;
-    } else {
-      throw api_error(400, "mode must be files, metadata or both");
-    }
-    const unsigned long cutoff = body_unsigned(doc, "cutoff");
-    if (mode != csl::age_cleanup_state::files && cutoff > std::numeric_limits<unsigned long>::max() / NS_PER_SECOND) {
-      throw api_error(400, "cutoff is too large to be expressed in nanoseconds");
-    }
+    const age_cleanup_request age = parse_age_cleanup_request(req.target, req.body);
+    const auto mode = age.mode;
+    const unsigned long cutoff = age.cutoff;
     const bool accepted = d.jobs().submit("Age cleanup", [&d, mode, cutoff] { d.cleaner().start_age_cleanup(mode, cutoff); });
     if (!accepted) throw api_error(503, "too many cleanups are waiting; try again later");
-    if (log != nullptr) log->info("Accepted an age cleanup of %s up to %lu s", mode_text, cutoff);
+    if (log != nullptr) log->info("Accepted an age cleanup of %s up to %lu s", age.mode_text, cutoff);
     cdl::json_writer w;
     w.begin_object();
     w.key("accepted", true);
@@ -388,11 +276,9 @@ void http_api::install(httplib::Server& server) {
   }));
 
   server.Post("/v1/cleanup/metadata", guarded([&d, log](const httplib::Request& req, httplib::Response& res) {
-    checked_params(req, {});
-    const rapidjson::Document doc = json_body(req, {"start", "end"});
-    const unsigned long start = body_unsigned(doc, "start");
-    const unsigned long end = body_unsigned(doc, "end");
-    if (start > end) throw api_error(400, "start must not be after end");
+    const time_range range = parse_metadata_cleanup_request(req.target, req.body);
+    const unsigned long start = range.start;
+    const unsigned long end = range.end;
     const bool accepted = d.jobs().submit("Metadata cleanup", [&d, start, end] {
       d.cleaner().start_metadata_cleanup(cdl::nullable<unsigned long>(start), cdl::nullable<unsigned long>(end), false);
     });
@@ -407,10 +293,7 @@ void http_api::install(httplib::Server& server) {
   }));
 
   server.Put("/v1/cleanup/metadata/automatic", guarded([&d](const httplib::Request& req, httplib::Response& res) {
-    checked_params(req, {});
-    const rapidjson::Document doc = json_body(req, {"enabled"});
-    if (!doc["enabled"].IsBool()) throw api_error(400, "enabled must be true or false");
-    const bool enabled = doc["enabled"].GetBool();
+    const bool enabled = parse_automatic_request(req.target, req.body);
     d.cleaner().switch_metadata_cleanup(enabled);
     cdl::json_writer w;
     w.begin_object();
@@ -421,8 +304,7 @@ void http_api::install(httplib::Server& server) {
   }));
 
   server.Post("/v1/reconcile", guarded([&d](const httplib::Request& req, httplib::Response& res) {
-    checked_params(req, {});
-    if (!req.body.empty()) json_body(req, {});
+    parse_reconcile_request(req.target, req.body);
     const auto result = d.reconcile().request(std::chrono::seconds(60));
     if (!result) throw api_error(503, "the reconcile did not complete (the daemon may be stopping)");
     cdl::json_writer w;
@@ -431,7 +313,7 @@ void http_api::install(httplib::Server& server) {
   }));
 
   server.Get("/v1/status", guarded([&d](const httplib::Request& req, httplib::Response& res) {
-    checked_params(req, {});
+    parse_plain_request(req.target);
     const metrics_sample m = d.sample_metrics();
     const daemon_options& o = d.options();
     cdl::json_writer w;
@@ -509,7 +391,7 @@ void http_api::install(httplib::Server& server) {
   }));
 
   server.Get("/metrics", guarded([&d](const httplib::Request& req, httplib::Response& res) {
-    checked_params(req, {});
+    parse_plain_request(req.target);
     res.status = 200;
     res.set_content(render_metrics(d.sample_metrics()), "text/plain; version=0.0.4");
   }));

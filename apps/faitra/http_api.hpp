@@ -1,44 +1,29 @@
 // The daemon's HTTP JSON API (described in docs/api.md).
 //
 // Every response is JSON ({"error": "..."} for errors) except /metrics.
-// Input is checked before anything changes: unknown or repeated query
-// parameters, numbers that are not plain non-negative decimal integers or do
-// not fit 64 bits, inverted ranges, unknown modes and malformed, oversized or
-// unexpected bodies are refused with 400 (413 for a body above
-// MAX_BODY_BYTES). With a token, every request must carry
+// Input is checked (api_request.hpp) before anything changes: unknown or
+// repeated query parameters, numbers that are not plain non-negative decimal
+// integers or do not fit 64 bits, inverted ranges, unknown modes and
+// malformed, oversized or unexpected bodies are refused with 400 (413 for a
+// body above MAX_BODY_BYTES). With a token, every request must carry
 // "Authorization: Bearer <token>" or gets 401.
 //
 // Thread-safety: handlers run on the server's threads and only use the
 // daemon's thread-safe operations.
 #pragma once
 
+#include "api_request.hpp"
 #include "daemon.hpp"
 
 #include <httplib.h>
 
 #include <optional>
-#include <stdexcept>
 #include <string>
 
 namespace faitra_cli {
 
-// An error with the HTTP status it maps to.
-class api_error : public std::runtime_error {
- public:
-  api_error(int status, const std::string& message) : std::runtime_error(message), _status(status) {}
-  int status() const { return _status; }
-
- private:
-  int _status;
-};
-
-// Parses a query parameter's value as an unsigned 64-bit decimal integer;
-// raises api_error 400 naming the parameter otherwise.
-unsigned long parse_unsigned(const std::string& name, const std::string& text);
-
 class http_api {
  public:
-  static constexpr size_t MAX_BODY_BYTES = 64 * 1024;
   // Bodies above this are refused by httplib without being read.
   static constexpr size_t HTTPLIB_BODY_LIMIT = 1024 * 1024;
   static constexpr size_t SERVER_THREADS = 4;

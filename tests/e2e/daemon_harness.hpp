@@ -78,21 +78,25 @@ struct reply {
 
 class daemon_process {
  public:
-  enum class transport { unix_socket, tcp };
+  // default_listen gives no --listen option at all: the daemon listens
+  // where it does by default, reached at 127.0.0.1 on the logged port.
+  enum class transport { unix_socket, tcp, default_listen };
 
   // Starts `faitra serve --listen unix:<scratch>/api.sock --log-stdout`
   // (or --listen 127.0.0.1:0, the port read back from the log) followed by
   // `args`, with `binary` as the faitra command.
   explicit daemon_process(std::vector<std::string> args, transport how = transport::unix_socket,
                           const std::string& binary = FAITRA_BINARY)
-      : _scratch("faitra-e2e-daemon"), _tcp(how == transport::tcp) {
+      : _scratch("faitra-e2e-daemon"), _tcp(how != transport::unix_socket) {
     // A request the daemon refuses before reading its body (401, 413) may
     // meet a closed connection; that must fail the request, not the test.
     ::signal(SIGPIPE, SIG_IGN);
     _socket = _scratch.file("api.sock");
     _log = _scratch.file("daemon.log");
-    std::vector<std::string> full = {binary, "serve", "--listen", _tcp ? "127.0.0.1:0" : "unix:" + _socket,
-                                     "--log-stdout"};
+    std::vector<std::string> full = {binary, "serve", "--log-stdout"};
+    if (how != transport::default_listen) {
+      full.insert(full.end(), {"--listen", _tcp ? "127.0.0.1:0" : "unix:" + _socket});
+    }
     full.insert(full.end(), args.begin(), args.end());
     std::vector<char*> argv;
     for (std::string& a : full) argv.push_back(a.data());
@@ -166,18 +170,26 @@ class daemon_process {
     return faitra_test::wait_until([&] { return log_has(fragment); }, deadline);
   }
 
+  pid_t pid() const { return _pid; }
   int port() const { return _port; }
+  const std::string& socket_path() const { return _socket; }
   std::string listen() const { return _tcp ? "127.0.0.1:" + std::to_string(_port) : "unix:" + _socket; }
   std::string scratch(const std::string& name) const { return _scratch.file(name); }
 
   reply request(const std::string& method, const std::string& target, const std::string& body = "",
                 const std::string& token = "") const {
+    httplib::Headers headers;
+    if (!token.empty()) headers.emplace("Authorization", "Bearer " + token);
+    return request_with(method, target, headers, body);
+  }
+
+  // A request with exactly these headers (besides httplib's own).
+  reply request_with(const std::string& method, const std::string& target, const httplib::Headers& headers,
+                     const std::string& body = "") const {
     httplib::Client client = _tcp ? httplib::Client("127.0.0.1", _port) : httplib::Client(_socket);
     if (!_tcp) client.set_address_family(AF_UNIX);
     client.set_connection_timeout(5s);
     client.set_read_timeout(90s);
-    httplib::Headers headers;
-    if (!token.empty()) headers.emplace("Authorization", "Bearer " + token);
     httplib::Result result = [&] {
       if (method == "GET") return client.Get(target, headers);
       if (method == "DELETE") return client.Delete(target, headers);

@@ -1,0 +1,88 @@
+// The input side of the daemon's HTTP API: each request's query string and
+// body turned into what its handler acts on, or an api_error.
+//
+// These functions only look at the request target (path and raw query
+// string, as sent) and the body; they touch no daemon state, so a request
+// they refuse changes nothing. The checks of one request run in a fixed
+// order and the first failure is the one reported. Query parameters are
+// taken from the target only: a form-encoded body never supplies them.
+//
+// Raises only api_error (status 400, or 413 for an oversized body).
+//
+// Thread-safety: pure functions.
+#pragma once
+
+#include <csl/fs_cleaner.hpp>
+
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+namespace faitra_cli {
+
+// An error with the HTTP status it maps to.
+class api_error : public std::runtime_error {
+ public:
+  api_error(int status, const std::string& message) : std::runtime_error(message), _status(status) {}
+  int status() const { return _status; }
+
+ private:
+  int _status;
+};
+
+// Bodies above this many bytes are refused with 413.
+constexpr size_t MAX_BODY_BYTES = 64 * 1024;
+
+// Parses a query parameter's value as an unsigned 64-bit decimal integer;
+// raises api_error 400 naming the parameter otherwise.
+unsigned long parse_unsigned(const std::string& name, const std::string& text);
+
+// Refuses a body above MAX_BODY_BYTES.
+void check_body_size(const std::string& body);
+
+struct time_range {
+  unsigned long start;
+  unsigned long end;
+};
+
+// GET /v1/captures?start&end&limit
+struct list_request {
+  std::optional<time_range> range;
+  unsigned long limit;  // the largest unsigned long when not given
+};
+list_request parse_list_request(const std::string& target);
+
+// GET /v1/captures/lookup?path=
+std::string parse_lookup_request(const std::string& target);
+
+// DELETE /v1/captures?path= | ?start&end&by= | ?all=true
+struct delete_request {
+  enum class form { path, all, range };
+  form what = form::path;
+  std::string path;
+  time_range range{0, 0};
+  bool by_start = true;
+};
+delete_request parse_delete_request(const std::string& target);
+
+// POST /v1/cleanup/age {"mode", "cutoff"}
+struct age_cleanup_request {
+  csl::age_cleanup_state::cleanup_mode mode;
+  std::string mode_text;
+  unsigned long cutoff;  // seconds
+};
+age_cleanup_request parse_age_cleanup_request(const std::string& target, const std::string& body);
+
+// POST /v1/cleanup/metadata {"start", "end"}
+time_range parse_metadata_cleanup_request(const std::string& target, const std::string& body);
+
+// PUT /v1/cleanup/metadata/automatic {"enabled"}; the new setting.
+bool parse_automatic_request(const std::string& target, const std::string& body);
+
+// POST /v1/reconcile: no parameters, and an empty body or an empty object.
+void parse_reconcile_request(const std::string& target, const std::string& body);
+
+// Requests that take no parameters (status, storage, metrics).
+void parse_plain_request(const std::string& target);
+
+}  // namespace faitra_cli

@@ -1,0 +1,70 @@
+// Runs the daemon's request parsing on any query string and body.
+//
+// Input: one byte choosing the endpoint, then the query string up to the
+// first newline, then the body. Allowed outcome: a parsed request, or
+// faitra_cli::api_error with status 400 or 413 and a message. Properties
+// of a parsed request: ranges are never inverted, a limit is at least 1, a
+// path is never empty, a mode is one of the three names, and a
+// nanosecond cut-off cannot overflow.
+#include "fuzz_check.hpp"
+
+#include "api_request.hpp"
+
+#include <cstdint>
+#include <limits>
+#include <string>
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size == 0) return 0;
+  const std::string rest(reinterpret_cast<const char*>(data) + 1, size - 1);
+  const size_t newline = rest.find('\n');
+  const std::string target = "/v1/x?" + rest.substr(0, newline);
+  const std::string body = newline == std::string::npos ? std::string() : rest.substr(newline + 1);
+  using namespace faitra_cli;
+  try {
+    check_body_size(body);
+    switch (data[0] % 8) {
+      case 0: {
+        const list_request r = parse_list_request(target);
+        if (r.range) FUZZ_CHECK(r.range->start <= r.range->end);
+        FUZZ_CHECK(r.limit >= 1);
+        break;
+      }
+      case 1:
+        FUZZ_CHECK(!parse_lookup_request(target).empty());
+        break;
+      case 2: {
+        const delete_request r = parse_delete_request(target);
+        if (r.what == delete_request::form::path) FUZZ_CHECK(!r.path.empty());
+        if (r.what == delete_request::form::range) FUZZ_CHECK(r.range.start <= r.range.end);
+        break;
+      }
+      case 3: {
+        const age_cleanup_request r = parse_age_cleanup_request(target, body);
+        FUZZ_CHECK(r.mode_text == "files" || r.mode_text == "metadata" || r.mode_text == "both");
+        if (r.mode != csl::age_cleanup_state::files) {
+          FUZZ_CHECK(r.cutoff <= std::numeric_limits<unsigned long>::max() / 1000000000UL);
+        }
+        break;
+      }
+      case 4: {
+        const time_range r = parse_metadata_cleanup_request(target, body);
+        FUZZ_CHECK(r.start <= r.end);
+        break;
+      }
+      case 5:
+        parse_automatic_request(target, body);
+        break;
+      case 6:
+        parse_reconcile_request(target, body);
+        break;
+      default:
+        parse_plain_request(target);
+        break;
+    }
+  } catch (const api_error& e) {
+    FUZZ_CHECK(e.status() == 400 || e.status() == 413);
+    FUZZ_CHECK(e.what()[0] != '\0');
+  }
+  return 0;
+}
