@@ -295,7 +295,7 @@ TEST_F(CleanerRun, MetadataCallbackThatThrowsEndsTheRunBeforeAnyRemoval) {
   failing.build_cleaner({.trigger = 0.5f, .stop = 0.3f});
   for (int i = 0; i < CAPTURES_TO_TRIGGER; ++i) ASSERT_TRUE(failing.add_capture(capture_of(i)));
   const std::string summary = finished_summary();
-  EXPECT_TRUE(ends_with(summary, ", Deleted: 4")) << summary;
+  EXPECT_TRUE(summary.ends_with(", Deleted: 4")) << summary;
   EXPECT_TRUE(syslog_lines().contains("os - cleaner - could not cleanup all or some metadata in range " +
                                       std::to_string(start_of(0)) + "-" + std::to_string(start_of(SELECTED)) +
                                       ": store offline"));
