@@ -16,7 +16,6 @@
 #include <cstdlib>
 #include <functional>
 #include <map>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -52,19 +51,6 @@ std::string lookup_key(const daemon_process& daemon, const std::string& path) {
   const reply r = daemon.request("GET", "/v1/captures/lookup?path=" + path);
   if (r.status != 200 || !r.json.IsObject() || !r.json["key"].IsString()) return "";
   return r.json["key"].GetString();
-}
-
-// `faitra scan DIR` in the harness's catalogue form.
-std::map<std::string, std::string> fresh_scan(const std::string& dir) {
-  const auto [code, out] = run_client({"scan", dir});
-  std::map<std::string, std::string> records;
-  std::istringstream lines(out);
-  for (std::string line; std::getline(lines, line);) {
-    rapidjson::Document record;
-    record.Parse(line.c_str());
-    if (record.IsObject()) records.emplace(record["path"].GetString(), daemon_process::record_text(record));
-  }
-  return records;
 }
 
 // The catalogue with deletion marks left out (a capture whose removal

@@ -33,6 +33,7 @@
 #include <map>
 #include <optional>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -171,7 +172,6 @@ class daemon_process {
   }
 
   pid_t pid() const { return _pid; }
-  int port() const { return _port; }
   const std::string& socket_path() const { return _socket; }
   std::string listen() const { return _tcp ? "127.0.0.1:" + std::to_string(_port) : "unix:" + _socket; }
   std::string scratch(const std::string& name) const { return _scratch.file(name); }
@@ -268,26 +268,61 @@ class daemon_process {
   int _status = 0;
 };
 
-// Runs a client subcommand (`faitra <args>`); returns its exit code and
-// standard output.
-inline std::pair<int, std::string> run_client(const std::vector<std::string>& args) {
-  faitra_test::temp_dir scratch("faitra-e2e-client");
-  const std::string out = scratch.file("out");
+struct run_result {
+  int status = -1;  // exit status, or -1 when killed by a signal
+  std::string out;
+  std::string err;
+};
+
+// Starts `faitra <args>`; its standard output and error go to files in
+// `scratch`, read back by finish().
+inline pid_t spawn(const std::vector<std::string>& args, const std::string& scratch) {
   std::vector<std::string> full = {FAITRA_BINARY};
   full.insert(full.end(), args.begin(), args.end());
   std::vector<char*> argv;
   for (std::string& a : full) argv.push_back(a.data());
   argv.push_back(nullptr);
+  const std::string out = scratch + "/stdout", err = scratch + "/stderr";
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
   pid_t pid = -1;
   const int spawned = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
-  if (spawned != 0) return {-1, ""};
+  return spawned == 0 ? pid : -1;
+}
+
+inline run_result finish(pid_t pid, const std::string& scratch) {
+  run_result result;
   int status = 0;
-  ::waitpid(pid, &status, 0);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_text(out)};
+  if (pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status)) result.status = WEXITSTATUS(status);
+  result.out = read_text(scratch + "/stdout");
+  result.err = read_text(scratch + "/stderr");
+  return result;
+}
+
+inline run_result run(const std::vector<std::string>& args) {
+  faitra_test::temp_dir scratch("faitra-e2e-client");
+  return finish(spawn(args, scratch.path()), scratch.path());
+}
+
+// A client subcommand's exit code and standard output.
+inline std::pair<int, std::string> run_client(const std::vector<std::string>& args) {
+  run_result r = run(args);
+  return {r.status, std::move(r.out)};
+}
+
+// `faitra scan DIR` in the catalogue form of daemon_process::catalogue().
+inline std::map<std::string, std::string> fresh_scan(const std::string& dir) {
+  std::map<std::string, std::string> records;
+  std::istringstream lines(run({"scan", dir}).out);
+  for (std::string line; std::getline(lines, line);) {
+    rapidjson::Document record;
+    record.Parse(line.c_str());
+    if (record.IsObject()) records.emplace(record["path"].GetString(), daemon_process::record_text(record));
+  }
+  return records;
 }
 
 // A tmpfs for one test, or a skip when the process may not mount.

@@ -10,28 +10,22 @@ using namespace std::chrono_literals;
 
 constexpr unsigned long MiB = 1024 * 1024;
 
-TEST(DaemonLifecycleTest, SigtermStopsCleanlyEvenWhileTheCleanerPauses) {
-  FAITRA_E2E_TMPFS(fs, 16 * MiB);
-  faitra_test::write_capture(fs.file("a.pcap"), 4096, faitra_e2e::attributes(1));
-  // Automatic cleanup on: the cleaner's first check starts at once with its
-  // 15-second pause, which shutdown has to wait for.
-  daemon_process d({"--root", fs.path()});
-  ASSERT_TRUE(d.wait_ready());
-  EXPECT_EQ(d.stop(SIGTERM), 0);
-  EXPECT_TRUE(d.log_has("Received SIGTERM; stopping"));
-  EXPECT_TRUE(d.log_has("Waiting for the cleaner")) << d.log();
-  EXPECT_TRUE(d.log_has("Stopped"));
-  EXPECT_TRUE(faitra_e2e::exists(fs.file("a.pcap")));
-  EXPECT_FALSE(faitra_e2e::exists(d.scratch("api.sock")));  // the socket file is removed
-}
-
-TEST(DaemonLifecycleTest, SigintStopsCleanly) {
-  FAITRA_E2E_TMPFS(fs, 16 * MiB);
-  daemon_process d({"--root", fs.path(), "--no-auto-cleanup"});
-  ASSERT_TRUE(d.wait_ready());
-  EXPECT_EQ(d.stop(SIGINT), 0);
-  EXPECT_TRUE(d.log_has("Received SIGINT; stopping"));
-  EXPECT_TRUE(d.log_has("Stopped"));
+TEST(DaemonLifecycleTest, SigtermAndSigintStopCleanlyEvenWhileTheCleanerPauses) {
+  for (const auto& [sig, name] : {std::pair{SIGTERM, "SIGTERM"}, std::pair{SIGINT, "SIGINT"}}) {
+    SCOPED_TRACE(name);
+    FAITRA_E2E_TMPFS(fs, 16 * MiB);
+    faitra_test::write_capture(fs.file("a.pcap"), 4096, faitra_e2e::attributes(1));
+    // Automatic cleanup on: the cleaner's first check starts at once with its
+    // 15-second pause, which shutdown has to wait for.
+    daemon_process d({"--root", fs.path()});
+    ASSERT_TRUE(d.wait_ready());
+    EXPECT_EQ(d.stop(sig), 0);
+    EXPECT_TRUE(d.log_has(std::string("Received ") + name + "; stopping"));
+    EXPECT_TRUE(d.log_has("Waiting for the cleaner")) << d.log();
+    EXPECT_TRUE(d.log_has("Stopped"));
+    EXPECT_TRUE(faitra_e2e::exists(fs.file("a.pcap")));
+    EXPECT_FALSE(faitra_e2e::exists(d.scratch("api.sock")));  // the socket file is removed
+  }
 }
 
 TEST(DaemonLifecycleTest, ShutdownDoesNotWaitForAnOnDemandCommand) {
@@ -75,7 +69,6 @@ TEST(DaemonLifecycleTest, ListensOnTcpWithAPortPickedByTheSystem) {
   faitra_test::write_capture(fs.file("a.pcap"), 4096, faitra_e2e::attributes(7));
   daemon_process d({"--root", fs.path(), "--no-auto-cleanup"}, daemon_process::transport::tcp);
   ASSERT_TRUE(d.wait_ready());
-  EXPECT_GT(d.port(), 0);
   EXPECT_EQ(d.catalogue().size(), 1U);
   const auto [code, out] = faitra_e2e::run_client({"ls", "--listen", d.listen()});
   EXPECT_EQ(code, 0);

@@ -1,43 +1,29 @@
 // Parts of the daemon that the end-to-end tests cannot drive reliably: the
 // command runner's limits, the listen address forms, the metrics text and
 // the catalogue comparison behind the reconcile.
+#include "daemon_harness.hpp"
+
 #include "daemon_address.hpp"
 #include "daemon_command.hpp"
 #include "metrics.hpp"
 #include "reconcile.hpp"
 
 #include "support/records.hpp"
-#include "support/temp_dir.hpp"
-#include "support/wait.hpp"
 
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <fstream>
-#include <iterator>
 #include <thread>
 
 namespace {
 
 using namespace std::chrono_literals;
 using faitra_cli::command_runner;
-
-std::string read_text(const std::string& path) {
-  std::ifstream in(path);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
+using faitra_e2e::read_text;
+using faitra_e2e::write_text;
 
 TEST(CommandRunnerTest, SplitsOnSpacesOnlyAndNeverUsesAShell) {
   EXPECT_EQ(faitra_cli::split_command_line("  /bin/x  -a\tb  "), (std::vector<std::string>{"/bin/x", "-a", "b"}));
   faitra_test::temp_dir dir("faitra-e2e-cmd");
   const std::string script = dir.file("args.sh");
-  {
-    std::ofstream out(script);
-    out << "#!/bin/sh\nfor a in \"$@\"; do echo \"[$a]\"; done > " << dir.file("args") << "\n";
-  }
-  ::chmod(script.c_str(), 0755);
+  write_text(script, "#!/bin/sh\nfor a in \"$@\"; do echo \"[$a]\"; done > " + dir.file("args") + "\n", 0755);
   // Shell syntax in the command line and in the extra arguments is passed
   // through as plain words.
   const command_runner runner(script + " ;touch $HOME/x");
@@ -68,11 +54,7 @@ TEST(CommandRunnerTest, KillsACommandPastItsTimeLimitOrWhenCancelled) {
   faitra_test::temp_dir dir("faitra-e2e-cmd");
   const std::string started = dir.file("started");
   const std::string script = dir.file("slow.sh");
-  {
-    std::ofstream out(script);
-    out << "#!/bin/sh\ntouch " << started << "\nsleep 600\n";
-  }
-  ::chmod(script.c_str(), 0755);
+  write_text(script, "#!/bin/sh\ntouch " + started + "\nsleep 600\n", 0755);
   command_runner cancelled(script);
   std::thread canceller([&] {
     faitra_test::wait_until([&] { return ::access(started.c_str(), F_OK) == 0; });

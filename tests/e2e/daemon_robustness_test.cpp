@@ -19,22 +19,19 @@ using namespace std::chrono_literals;
 
 constexpr unsigned long MiB = 1024 * 1024;
 
-struct malformed_case {
-  const char* label;
-  const char* value;   // of user.pcap_start_ts
-  const char* reason;  // part of the reported reason
-};
-
-// Names the instances (in test output and in ctest).
-void PrintTo(const malformed_case& c, std::ostream* os) { *os << c.label; }
-
-class DaemonMalformedAttributeTest : public ::testing::TestWithParam<malformed_case> {};
-
-TEST_P(DaemonMalformedAttributeTest, StartsAndReportsTheFileByName) {
+TEST(DaemonMalformedAttributeTest, StartsAndReportsEachFileByName) {
   FAITRA_E2E_TMPFS(fs, 16 * MiB);
+  // name -> value of user.pcap_start_ts, and part of the reported reason.
+  const std::map<std::string, std::pair<const char*, const char*>> broken = {
+      {"not-a-number.pcap", {"abc", "malformed"}},
+      {"too-large.pcap", {"99999999999999999999", "out of range"}},
+      {"negative.pcap", {"-5", "out of range"}},
+  };
   write_capture(fs.file("a.pcap"), 4096, faitra_e2e::attributes(1));
-  write_capture(fs.file("broken.pcap"), 4096, faitra_e2e::attributes(2));
-  faitra_test::set_xattr(fs.file("broken.pcap"), "user.pcap_start_ts", GetParam().value);
+  for (const auto& [name, value] : broken) {
+    write_capture(fs.file(name), 4096, faitra_e2e::attributes(2));
+    faitra_test::set_xattr(fs.file(name), "user.pcap_start_ts", value.first);
+  }
   write_capture(fs.file("z.pcap"), 4096, faitra_e2e::attributes(3));
 
   daemon_process d({"--root", fs.path(), "--no-auto-cleanup"});
@@ -47,24 +44,21 @@ TEST_P(DaemonMalformedAttributeTest, StartsAndReportsTheFileByName) {
   const reply status = d.request("GET", "/v1/status");
   ASSERT_EQ(status.status, 200);
   const auto& problems = status.json["scan_problems"];
-  ASSERT_EQ(problems.Size(), 1U) << status.body;
-  EXPECT_STREQ(problems[0]["name"].GetString(), "broken.pcap");
-  EXPECT_NE(std::string(problems[0]["reason"].GetString()).find(GetParam().reason), std::string::npos)
-      << status.body;
-  EXPECT_TRUE(d.log_has("skipped broken.pcap")) << d.log();
-  EXPECT_EQ(d.metric("faitra_scan_problems"), 1);
+  ASSERT_EQ(problems.Size(), broken.size()) << status.body;
+  for (const auto& problem : problems.GetArray()) {
+    const auto expected = broken.find(problem["name"].GetString());
+    ASSERT_NE(expected, broken.end()) << status.body;
+    EXPECT_NE(std::string(problem["reason"].GetString()).find(expected->second.second), std::string::npos)
+        << status.body;
+  }
+  for (const auto& [name, value] : broken) EXPECT_TRUE(d.log_has("skipped " + name)) << d.log();
+  EXPECT_EQ(d.metric("faitra_scan_problems"), 3);
 
   // The rest is served and followed as usual.
   write_capture(fs.file("new.pcap"), 4096, faitra_e2e::attributes(4));
   EXPECT_TRUE(faitra_test::wait_until([&] { return d.catalogue().size() == 3; }));
   EXPECT_EQ(d.stop(), 0);
 }
-
-INSTANTIATE_TEST_SUITE_P(AttributeValues, DaemonMalformedAttributeTest,
-                         ::testing::Values(malformed_case{"not_a_number", "abc", "malformed"},
-                                           malformed_case{"too_large", "99999999999999999999", "out of range"},
-                                           malformed_case{"negative", "-5", "out of range"}),
-                         [](const ::testing::TestParamInfo<malformed_case>& info) { return info.param.label; });
 
 // The scan examines an entry again, without advancing, while its stat
 // fails; the filter must end that loop for a file that is gone.
@@ -77,7 +71,7 @@ TEST(CaptureFilterTest, EndsTheScanRetryOfAVanishedFile) {
   EXPECT_EQ(filter.problems()[0].name, "gone.pcap");
 
   // A file that still exists is retried, but not for ever.
-  faitra_test::write_file(dir.file("stuck.pcap"), 1);
+  faitra_test::write_and_close(dir.file("stuck.pcap"), 1);
   unsigned accepted = 0;
   while (filter("stuck.pcap") && accepted <= faitra_cli::capture_filter::MAX_STAT_RETRIES + 1) ++accepted;
   EXPECT_LE(accepted, faitra_cli::capture_filter::MAX_STAT_RETRIES);
@@ -200,7 +194,7 @@ TEST_F(DaemonReconcileTest, AnUpdateKeepsTheDeletionMarker) {
   // capture is catalogued like one.
   const std::string stuck = caps("stuck.pcap");
   ASSERT_EQ(::mkdir(stuck.c_str(), 0755), 0);
-  faitra_test::write_file(stuck + "/inside", 10);
+  faitra_test::write_and_close(stuck + "/inside", 10);
   faitra_test::set_xattr(stuck, "user.pcap_hash", "before");
   auto d = start("0");
   ASSERT_EQ(d->catalogue().count(stuck), 1U);

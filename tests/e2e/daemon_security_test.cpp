@@ -132,12 +132,21 @@ TEST_F(DaemonSecurityTest, NoRequestWithoutTheRightTokenChangesAnything) {
               401);
     // Refused before its size is looked at: the answer says nothing more.
     EXPECT_EQ(d->request_with("POST", "/v1/cleanup/age", headers, std::string(70 * 1024, ' ')).status, 401);
+    EXPECT_EQ(d->request_with("PUT", "/v1/cleanup/metadata/automatic", headers, R"({"enabled": false})").status,
+              401);
+    for (const char* target : {"/v1/status", "/metrics", "/v1/captures"}) {
+      EXPECT_EQ(d->request_with("GET", target, headers).status, 401) << target;
+    }
     EXPECT_EQ(d->request_with("GET", "/v1/captures/lookup?path=" + watched("cap1.pcap"), headers).status, 401);
   }
   settle(*d, "s3cret-token");
   EXPECT_EQ(d->catalogue("s3cret-token"), before);
   EXPECT_TRUE(faitra_e2e::exists(watched("cap1.pcap")));
   EXPECT_TRUE(faitra_e2e::exists(watched("cap2.pcap")));
+  EXPECT_TRUE(d->request("GET", "/v1/status", "", "s3cret-token").json["automatic_metadata_cleanup"].GetBool());
+  // The client sends the token from the same file, and fails without it.
+  EXPECT_EQ(faitra_e2e::run_client({"ls", "--listen", d->listen(), "--token-file", token_file}).first, 0);
+  EXPECT_EQ(faitra_e2e::run_client({"ls", "--listen", d->listen()}).first, 1);
   EXPECT_EQ(d->stop(), 0);
 }
 

@@ -17,7 +17,6 @@
 #include <cstdio>
 #include <map>
 #include <random>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -64,20 +63,6 @@ void storm(const std::string& dir, int writer) {
       kept.push_back(path);
     }
   }
-}
-
-// `faitra scan DIR` parsed into the catalogue form the harness uses.
-std::map<std::string, std::string> fresh_scan(const std::string& dir) {
-  const auto [code, out] = run_client({"scan", dir});
-  std::map<std::string, std::string> records;
-  if (code != 0) return records;
-  std::istringstream lines(out);
-  for (std::string line; std::getline(lines, line);) {
-    rapidjson::Document record;
-    record.Parse(line.c_str());
-    if (record.IsObject()) records.emplace(record["path"].GetString(), daemon_process::record_text(record));
-  }
-  return records;
 }
 
 TEST(EventStorm, CatalogueEqualsAFreshScanAfterTheReconcile) {

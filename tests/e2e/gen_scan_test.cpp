@@ -1,78 +1,23 @@
 // `faitra gen` and `faitra scan`, run as the real binary on real directories:
 // gen's files are parsed back as pcap and checked against their extended
 // attributes; scan's JSON lines are parsed and checked against the files.
-#include "support/temp_dir.hpp"
-#include "support/wait.hpp"
+#include "daemon_harness.hpp"
 
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <sys/xattr.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <sstream>
-#include <string>
-#include <vector>
 
 namespace {
 
+using faitra_e2e::finish;
+using faitra_e2e::run;
+using faitra_e2e::run_result;
+using faitra_e2e::spawn;
 using faitra_test::temp_dir;
-
-std::string read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-struct run_result {
-  int status = -1;  // exit status, or -1 when killed by a signal
-  std::string out;
-  std::string err;
-};
-
-// Starts the faitra binary with `args`; its standard output and error go to
-// files in `scratch`.
-pid_t spawn(const std::vector<std::string>& args, const std::string& scratch) {
-  std::vector<char*> argv;
-  std::string binary = FAITRA_BINARY;
-  argv.push_back(binary.data());
-  std::vector<std::string> copies = args;
-  for (std::string& a : copies) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  const std::string out = scratch + "/stdout";
-  const std::string err = scratch + "/stderr";
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    const int o = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    const int e = ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (o < 0 || e < 0 || ::dup2(o, 1) < 0 || ::dup2(e, 2) < 0) ::_exit(127);
-    ::execv(argv[0], argv.data());
-    ::_exit(127);
-  }
-  return pid;
-}
-
-run_result finish(pid_t pid, const std::string& scratch) {
-  run_result result;
-  int status = 0;
-  if (::waitpid(pid, &status, 0) == pid && WIFEXITED(status)) result.status = WEXITSTATUS(status);
-  result.out = read_file(scratch + "/stdout");
-  result.err = read_file(scratch + "/stderr");
-  return result;
-}
-
-run_result run(const std::vector<std::string>& args) {
-  temp_dir scratch("faitra-e2e-out");
-  return finish(spawn(args, scratch.path()), scratch.path());
-}
+using faitra_e2e::read_text;
 
 std::string xattr(const std::string& path, const std::string& name) {
   char buffer[256];
@@ -80,9 +25,7 @@ std::string xattr(const std::string& path, const std::string& name) {
   return n < 0 ? std::string("<absent>") : std::string(buffer, static_cast<size_t>(n));
 }
 
-uint64_t xattr_number(const std::string& path, const std::string& name) {
-  return std::stoull(xattr(path, name));
-}
+uint64_t xattr_number(const std::string& path, const std::string& name) { return std::stoull(xattr(path, name)); }
 
 std::vector<std::string> files_in(const std::string& dir) {
   std::vector<std::string> files;
@@ -118,7 +61,7 @@ struct pcap_summary {
 // Parses a whole nanosecond pcap file; fails the test on any defect.
 pcap_summary parse_pcap(const std::string& path) {
   pcap_summary summary;
-  const std::string bytes = read_file(path);
+  const std::string bytes = read_text(path);
   EXPECT_GE(bytes.size(), 24u) << path;
   if (bytes.size() < 24) return summary;
   EXPECT_EQ(host_value<uint32_t>(bytes, 0), 0xa1b23c4du) << path;
@@ -198,7 +141,7 @@ TEST(Gen, WritesValidCapturesWhoseAttributesMatchTheirContent) {
     EXPECT_EQ(xattr_number(path, "user.pcap_start_ts"), pcap.first_ns);
     EXPECT_EQ(xattr_number(path, "user.pcap_end_ts"), pcap.last_ns);
     EXPECT_EQ(xattr_number(path, "user.pcap_creation_ts"), pcap.first_ns / 1000000000ULL);
-    EXPECT_EQ(xattr(path, "user.pcap_hash"), fnv1a64_hex(read_file(path)));
+    EXPECT_EQ(xattr(path, "user.pcap_hash"), fnv1a64_hex(read_text(path)));
     // Path order is time order, and the files follow one another.
     if (i == 0) {
       EXPECT_EQ(pcap.first_ns, START_NS);
@@ -262,7 +205,7 @@ TEST(Gen, StopsAfterTheCurrentFileOnSigterm) {
   ASSERT_GE(files.size(), 3u);
   for (const std::string& path : files) {
     EXPECT_EQ(std::filesystem::file_size(path), 262144u) << path;
-    EXPECT_EQ(xattr(path, "user.pcap_hash"), fnv1a64_hex(read_file(path))) << path;
+    EXPECT_EQ(xattr(path, "user.pcap_hash"), fnv1a64_hex(read_text(path))) << path;
     EXPECT_EQ(xattr_number(path, "user.pcap_end_ts"), parse_pcap(path).last_ns) << path;
   }
 }
@@ -278,7 +221,7 @@ TEST(Gen, DropsCapturesThatDoNotFitAndGoesOn) {
   EXPECT_LT(files.size(), 5u);
   for (const std::string& path : files) {
     EXPECT_EQ(std::filesystem::file_size(path), 1048576u) << path;
-    EXPECT_EQ(xattr(path, "user.pcap_hash"), fnv1a64_hex(read_file(path))) << path;
+    EXPECT_EQ(xattr(path, "user.pcap_hash"), fnv1a64_hex(read_text(path))) << path;
   }
 }
 
@@ -295,11 +238,11 @@ TEST(Scan, ListsEveryCaptureInPathOrderAsRecords) {
   temp_dir dir("faitra-e2e");
   ASSERT_EQ(gen(dir.path(), 3, "8K").status, 0);
   // Not captures: another suffix, and a subdirectory (never recursed into).
-  faitra_test::write_file(dir.file("notes.txt"), 10);
+  faitra_test::write_and_close(dir.file("notes.txt"), 10);
   std::filesystem::create_directory(dir.file("sub.pcap.d"));
   ASSERT_EQ(gen(dir.file("sub.pcap.d"), 1, "8K").status, 0);
   // A capture the writer has not finished: no attributes yet.
-  faitra_test::write_file(dir.file("zz-unfinished.pcapng"), 300);
+  faitra_test::write_and_close(dir.file("zz-unfinished.pcapng"), 300);
 
   const run_result r = run({"scan", dir.path() + "/"});
   ASSERT_EQ(r.status, 0) << r.err;
@@ -351,8 +294,8 @@ TEST(Scan, MergesSeveralDirectoriesInPathOrderAndSuffixesReplaceTheDefault) {
   EXPECT_EQ(listed[0], expected_line(files_in(parent.file("a-b"))[0]));
   EXPECT_EQ(listed[1], expected_line(files_in(parent.file("a"))[0]));
 
-  faitra_test::write_file(parent.file("a/one.cap"), 10);
-  faitra_test::write_file(parent.file("a/two.dump"), 10);
+  faitra_test::write_and_close(parent.file("a/one.cap"), 10);
+  faitra_test::write_and_close(parent.file("a/two.dump"), 10);
   const run_result suffixes = run({"scan", "--suffix", ".cap", "--suffix", ".dump", parent.file("a")});
   ASSERT_EQ(suffixes.status, 0) << suffixes.err;
   const auto other = lines_of(suffixes.out);
@@ -369,7 +312,7 @@ TEST(Scan, FailsClearlyOnAMissingDirectory) {
   EXPECT_NE(r.err.find(dir.file("nowhere")), std::string::npos) << r.err;
   EXPECT_NE(r.err.find("No such file or directory"), std::string::npos) << r.err;
 
-  faitra_test::write_file(dir.file("plain.pcap"), 10);
+  faitra_test::write_and_close(dir.file("plain.pcap"), 10);
   const run_result file = run({"scan", dir.file("plain.pcap")});
   EXPECT_EQ(file.status, 1);
   EXPECT_NE(file.err.find("not a directory"), std::string::npos) << file.err;
