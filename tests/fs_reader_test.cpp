@@ -83,7 +83,7 @@ TEST_P(FsReader, AttributeValuesSizesAndCallbacks) {
       {"size-237.pcap", 237, {{HASH, "k5"}}, "k5 <null> <null> 1600000000", ""},
   };
   for (const auto& c : cases) {
-    faitra_test::write_file(file(c.name), c.size);
+    faitra_test::write_and_close(file(c.name), c.size);
     for (const auto& [name, value] : c.xattrs) set_xattr(file(c.name), name, value);
     const timespec times[2] = {{1600000000, 999999999}, {1600000000, 999999999}};
     ASSERT_EQ(::utimensat(AT_FDCWD, file(c.name).c_str(), times, 0), 0);
@@ -110,8 +110,8 @@ TEST_P(FsReader, AttributeValuesSizesAndCallbacks) {
 }
 
 TEST_P(FsReader, TheFilterAloneDecidesOnEveryEntryByBareName) {
-  faitra_test::write_file(file("a.pcap"), 10);
-  faitra_test::write_file(file("notes.txt"), 10);
+  faitra_test::write_and_close(file("a.pcap"), 10);
+  faitra_test::write_and_close(file("notes.txt"), 10);
   ASSERT_EQ(::mkdir(file("sub").c_str(), 0755), 0);
   std::set<std::string> seen;
   scan captures(_dir + "/", [&](const std::string& name) {
@@ -130,7 +130,7 @@ TEST_P(FsReader, TheFilterAloneDecidesOnEveryEntryByBareName) {
 }
 
 TEST_P(FsReader, UnopenableDirectoryAndMalformedNumbersRaise) {
-  faitra_test::write_file(file("plain.pcap"), 10);
+  faitra_test::write_and_close(file("plain.pcap"), 10);
   for (const std::string& dir : {file("missing"), file("plain.pcap")}) {
     try {
       scan s(dir);

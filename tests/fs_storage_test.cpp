@@ -182,7 +182,7 @@ TEST(FsStorage, StateMatchesStatvfsOfTheCaptureFileSystem) {
   faitra_test::tmpfs_mount fs(4UL << 20);
   if (!fs.mounted()) GTEST_SKIP() << fs.reason();
   storage_fixture env(fs.path());
-  faitra_test::write_file(fs.file("big.pcap"), 1UL << 20);
+  faitra_test::write_and_close(fs.file("big.pcap"), 1UL << 20);
   const auto state = env.storage().state();
   struct statvfs figures {};
   ASSERT_EQ(::statvfs(fs.path().c_str(), &figures), 0);

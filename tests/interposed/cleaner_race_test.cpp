@@ -17,7 +17,6 @@
 #include <cstdarg>
 #include <cstring>
 #include <map>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
@@ -34,15 +33,6 @@ constexpr unsigned long NS = 1000000000UL;
 std::atomic<int> continue_checks{0};
 std::atomic<bool> parked{false};
 std::atomic<bool> resume{false};
-
-struct unlink_call {
-  std::string path;
-  bool catalogued;
-  csl::fs_entry::deletion_by marker;
-};
-std::atomic<csl::fs_cache*> watched_cache{nullptr};
-std::mutex unlinks_mutex;
-std::vector<unlink_call> unlinks;
 
 }  // namespace
 
@@ -68,12 +58,7 @@ extern "C" void syslog(int priority, const char* format, ...) {
 }
 
 extern "C" int unlink(const char* path) noexcept {
-  if (csl::fs_cache* cache = watched_cache.load()) {
-    csl::fs_entry record;
-    const bool catalogued = cache->by_path(record, path);
-    const std::lock_guard<std::mutex> lock(unlinks_mutex);
-    unlinks.push_back({path, catalogued, record.deletion.load()});
-  }
+  faitra_test::removals().record(path);
   using unlink_fn = int (*)(const char*);
   static const auto real = reinterpret_cast<unlink_fn>(::dlsym(RTLD_NEXT, "unlink"));
   return real(path);
@@ -92,9 +77,6 @@ unsigned long creation_of(int i) { return 1000UL + static_cast<unsigned long>(i)
 TEST(CleanerRace, ConcurrentMarkingDeletesEveryCaptureExactlyOnce) {
   cleaner_env env(0);
   ASSERT_TRUE(env.ready()) << env.reason();
-  struct stop_watching {
-    ~stop_watching() { watched_cache = nullptr; }
-  } stop_watching_first;  // before the catalogue goes, however the test ends
   for (int i = 0; i < CAPTURES; ++i) {
     const unsigned long start = creation_of(i) * NS;
     faitra_test::write_capture(env.path(name_of(i)), capture{name_of(i), 1024, creation_of(i), start, start + 1});
@@ -103,7 +85,7 @@ TEST(CleanerRace, ConcurrentMarkingDeletesEveryCaptureExactlyOnce) {
     const auto r = env.record(name_of(CAPTURES - 1));  // the last one in: every earlier one is done
     return r && r->creation_ts == creation_of(CAPTURES - 1);
   }));
-  watched_cache = &env.cache();
+  auto watching = faitra_test::removals().watch(env.cache());
 
   // Trigger and stop at zero: the run wants every capture. Its first check
   // starts it at once; the storage's delete thread is not running yet.
@@ -136,18 +118,15 @@ TEST(CleanerRace, ConcurrentMarkingDeletesEveryCaptureExactlyOnce) {
     }
     return true;
   }));
-  watched_cache = nullptr;
+  watching.reset();
 
   std::map<std::string, int> times_unlinked;
   std::map<std::string, marker> marker_at_unlink;
-  {
-    const std::lock_guard<std::mutex> lock(unlinks_mutex);
-    for (const unlink_call& call : unlinks) {
-      ++times_unlinked[call.path];
-      marker_at_unlink[call.path] = call.marker;
-      EXPECT_TRUE(call.catalogued) << call.path;
-      EXPECT_NE(call.marker, marker::none) << call.path;
-    }
+  for (const faitra_test::removal& call : faitra_test::removals().removals()) {
+    ++times_unlinked[call.path];
+    marker_at_unlink[call.path] = call.marked;
+    EXPECT_TRUE(call.catalogued) << call.path;
+    EXPECT_NE(call.marked, marker::none) << call.path;
   }
   EXPECT_EQ(times_unlinked.size(), static_cast<size_t>(CAPTURES));
   for (const auto& [path, times] : times_unlinked) EXPECT_EQ(times, 1) << path;

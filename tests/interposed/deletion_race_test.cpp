@@ -17,14 +17,13 @@
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <dlfcn.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdarg>
+#include <filesystem>
 #include <map>
-#include <mutex>
 #include <random>
 #include <set>
 #include <string>
@@ -39,25 +38,6 @@ constexpr int ROUNDS = 20;
 constexpr unsigned long NS = 1000000000UL;
 
 using marker = csl::fs_entry::deletion_by;
-
-struct removal {
-  std::string path;
-  bool catalogued;
-  marker marked;
-};
-
-std::atomic<csl::fs_cache*> watched_cache{nullptr};
-std::mutex removals_mutex;
-std::vector<removal> removals;
-
-void record_removal(const char* path) {
-  csl::fs_cache* cache = watched_cache.load();
-  if (cache == nullptr) return;
-  csl::fs_entry record;
-  const bool catalogued = cache->by_path(record, path);
-  const std::lock_guard<std::mutex> lock(removals_mutex);
-  removals.push_back({path, catalogued, record.deletion.load()});
-}
 
 template <typename F>
 F next_symbol(const char* name) {
@@ -79,13 +59,13 @@ extern "C" void syslog(int priority, const char* format, ...) {
 }
 
 extern "C" int unlink(const char* path) noexcept {
-  record_removal(path);
+  faitra_test::removals().record(path);
   static const auto real = next_symbol<int (*)(const char*)>("unlink");
   return real(path);
 }
 
 extern "C" int remove(const char* path) noexcept {
-  record_removal(path);
+  faitra_test::removals().record(path);
   static const auto real = next_symbol<int (*)(const char*)>("remove");
   return real(path);
 }
@@ -110,35 +90,22 @@ void fill(const std::string& dir) {
     faitra_test::write_capture(dir + "/" + capture_name(i),
                                capture{capture_name(i), 300, creation_of(i), start_of(i), start_of(i) + 1});
   }
-  for (int i = 0; i < OTHER_FILES; ++i) faitra_test::write_file(dir + "/notes-" + std::to_string(i) + ".txt", 300);
+  for (int i = 0; i < OTHER_FILES; ++i) faitra_test::write_and_close(dir + "/notes-" + std::to_string(i) + ".txt", 300);
 }
 
 std::set<std::string> directory_listing(const std::string& dir) {
   std::set<std::string> names;
-  DIR* d = ::opendir(dir.c_str());
-  if (d == nullptr) return names;
-  while (const dirent* e = ::readdir(d)) {
-    const std::string name = e->d_name;
-    if (name != "." && name != "..") names.insert(name);
-  }
-  ::closedir(d);
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) names.insert(entry.path().filename());
   return names;
 }
 
 class DeletionRace : public ::testing::TestWithParam<int> {};
 
 TEST_P(DeletionRace, EveryCaptureIsUnlinkedExactlyOnceWhileMarked) {
-  {
-    const std::lock_guard<std::mutex> lock(removals_mutex);
-    removals.clear();
-  }
   cleaner_env env(96UL << 20, fill);
   ASSERT_TRUE(env.ready()) << "needs a tmpfs: " << env.reason();
-  struct stop_watching {
-    ~stop_watching() { watched_cache = nullptr; }
-  } stop_watching_first;  // before the catalogue goes, however the test ends
   ASSERT_EQ(env.cache().size(), static_cast<size_t>(CAPTURES));
-  watched_cache = &env.cache();
+  auto watching = faitra_test::removals().watch(env.cache());
 
   // The captures fill about 40 % of the tmpfs: a trigger of 10 % starts the
   // automatic cleanup at once and a stop of 5 % makes it want nearly all.
@@ -196,18 +163,15 @@ TEST_P(DeletionRace, EveryCaptureIsUnlinkedExactlyOnceWhileMarked) {
                !cleaner.cleanup_in_progress() && env.storage().queued() == 0;
       },
       std::chrono::seconds(120));
-  watched_cache = nullptr;
+  watching.reset();
   ASSERT_TRUE(all_gone) << env.cache().size() << " records and " << directory_listing(env.dir()).size()
                         << " files left";
 
   std::map<std::string, int> times_removed;
-  {
-    const std::lock_guard<std::mutex> lock(removals_mutex);
-    for (const removal& r : removals) {
-      ++times_removed[r.path];
-      EXPECT_TRUE(r.catalogued) << r.path << " removed after it left the catalogue";
-      EXPECT_NE(r.marked, marker::none) << r.path << " removed without being marked";
-    }
+  for (const faitra_test::removal& r : faitra_test::removals().removals()) {
+    ++times_removed[r.path];
+    EXPECT_TRUE(r.catalogued) << r.path << " removed after it left the catalogue";
+    EXPECT_NE(r.marked, marker::none) << r.path << " removed without being marked";
   }
   EXPECT_EQ(times_removed.size(), static_cast<size_t>(CAPTURES));
   int removed_twice = 0;

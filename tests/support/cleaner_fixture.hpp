@@ -107,6 +107,49 @@ inline sleep_record& sleep_calls() {
   return record;
 }
 
+// Removals seen by a test binary's own unlink() (or remove()), which calls
+// record() before forwarding: each path, whether it was in the watched
+// catalogue at that moment and with which marker. Only while watching. The
+// watch ends with the object returned by watch(), before the catalogue goes.
+struct removal {
+  std::string path;
+  bool catalogued;
+  csl::fs_entry::deletion_by marked;
+};
+class removal_record {
+ public:
+  void record(const char* path) {
+    csl::fs_cache* cache = _watched.load();
+    if (cache == nullptr) return;
+    csl::fs_entry entry;
+    const bool catalogued = cache->by_path(entry, path);
+    const std::lock_guard<std::mutex> lock(_mutex);
+    _removals.push_back({path, catalogued, entry.deletion.load()});
+  }
+  [[nodiscard]] auto watch(csl::fs_cache& cache) {
+    {
+      const std::lock_guard<std::mutex> lock(_mutex);
+      _removals.clear();
+    }
+    _watched = &cache;
+    auto stop = [this](removal_record*) { _watched = nullptr; };
+    return std::unique_ptr<removal_record, decltype(stop)>(this, stop);
+  }
+  std::vector<removal> removals() const {
+    const std::lock_guard<std::mutex> lock(_mutex);
+    return _removals;
+  }
+
+ private:
+  std::atomic<csl::fs_cache*> _watched{nullptr};
+  mutable std::mutex _mutex;
+  std::vector<removal> _removals;
+};
+inline removal_record& removals() {
+  static removal_record record;
+  return record;
+}
+
 // A capture as the capture writer makes it. Absent timestamps are not set.
 struct capture {
   std::string name;
@@ -190,7 +233,7 @@ class cleaner_env {
     };
     csl::fs_cleaner::reset_disk_cache_type reset = [this] {
       ++_reset_calls;
-      return reset_result.load();
+      return true;
     };
     if (options.reset_disk_cache) reset = *options.reset_disk_cache;
     _cleaner = std::make_unique<csl::fs_cleaner>(_core, *_tracker_listeners, _storage, metadata, options.enabled,
@@ -215,7 +258,6 @@ class cleaner_env {
   csl::fs_storage& storage() { return *_storage; }
   csl::fs_cache& cache() { return *_cache; }
   cdl::task_channel& tracker_channel() { return _tracker_listeners->task_channel(0); }
-  cdl::log* log() { return &_log; }
 
   // Writes `c` and waits until the catalogue holds it with its attributes.
   bool add_capture(const capture& c) {
@@ -251,9 +293,8 @@ class cleaner_env {
     return _metadata_calls;
   }
   std::function<cdl::nullable<std::string>(unsigned long, unsigned long)> metadata_hook;
-  // Calls of the default refresh function; `reset_result` is its result.
+  // Calls of the default refresh function, which succeeds.
   unsigned long reset_calls() const { return _reset_calls.load(); }
-  std::atomic<bool> reset_result{true};
 
  private:
   std::optional<tmpfs_mount> _mount;

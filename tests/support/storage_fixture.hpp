@@ -63,8 +63,13 @@ class storage_fixture {
         _tracker(std::make_shared<csl::fs_tracker>(*_listeners, _cache, dir, std::set<std::string>{dir}, monitor,
                                                    is_capture_name, csl::fs_tracker::EMPTY_FILE_SIZE_LIMIT, nullptr)),
         _storage(std::make_shared<csl::fs_storage>(_runtime, _cache, _tracker, storage_log)) {}
+  // Stops the delete thread and the monitor, and destroys the groups so no
+  // handler runs any more, before the storage, tracker and catalogue go.
   ~storage_fixture() {
-    shutdown();
+    _runtime.stop();
+    _tracker->stop_monitoring();
+    _listeners.reset();
+    _workers.reset();
     _storage.reset();
     _tracker.reset();
     _cache.reset();
@@ -76,24 +81,9 @@ class storage_fixture {
   // delete thread.
   void start() { _runtime.start(); }
   void stop() { _runtime.stop(); }
-  // Stops the runtime and the monitor, then destroys the listener and worker
-  // groups so no handler runs any more; call it before destroying anything
-  // that registered handlers on listeners(). Idempotent.
-  void shutdown() {
-    _runtime.stop();
-    if (_tracker) _tracker->stop_monitoring();
-    _listeners.reset();
-    _workers.reset();
-  }
 
-  cdl::core& core() { return _core; }
-  cdl::runtime& runtime() { return _runtime; }
-  cdl::task_listener_group& listeners() { return *_listeners; }
   csl::fs_cache& cache() { return *_cache; }
-  csl::fs_tracker& tracker() { return *_tracker; }
   csl::fs_storage& storage() { return *_storage; }
-  const std::shared_ptr<csl::fs_cache>& cache_ptr() const { return _cache; }
-  const std::shared_ptr<csl::fs_storage>& storage_ptr() const { return _storage; }
 
   // Sets the creation and start timestamps of a catalogued record through
   // the catalogue's update; fails the test if `path` is not catalogued.

@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 namespace faitra_test {
@@ -44,16 +43,6 @@ tmpfs_mount::tmpfs_mount(unsigned long size_bytes) : _dir("faitra-tmpfs") {
 
 tmpfs_mount::~tmpfs_mount() {
   if (_mounted) ::umount2(_dir.path().c_str(), MNT_DETACH);
-}
-
-void write_file(const std::string& path, unsigned long size) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  const std::string chunk(4096, 'x');
-  while (size > 0) {
-    const unsigned long n = size < chunk.size() ? size : chunk.size();
-    out.write(chunk.data(), static_cast<std::streamsize>(n));
-    size -= n;
-  }
 }
 
 void set_xattr(const std::string& path, const std::string& name, const std::string& value) {

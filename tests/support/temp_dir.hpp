@@ -43,8 +43,6 @@ class tmpfs_mount {
   std::string _reason;
 };
 
-// Writes `size` bytes to `path` and closes it.
-void write_file(const std::string& path, unsigned long size);
 // Sets a user extended attribute; fails the current test on error.
 void set_xattr(const std::string& path, const std::string& name, const std::string& value);
 

@@ -121,7 +121,6 @@ class tracker_harness {
   }
 
   cdl::task_channel& channel() { return _listeners->task_channel(0); }
-  cdl::task_listener_group& listeners() { return *_listeners; }
   csl::fs_cache& cache() { return *_cache; }
   csl::fs_tracker& tracker() { return *_tracker; }
 
