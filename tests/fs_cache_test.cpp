@@ -121,12 +121,15 @@ TEST(FsCache, UpdateMovesExactlyTheRecordsEntriesAndCanClearAMark) {
   }
   EXPECT_EQ(by_time_paths(cache, 5, 5), (std::vector<std::string>{"/x", "/z", "/y"}));
 
+  // The marker is copied both ways: set, then cleared.
+  fs_entry stored;
   y.deletion.store(fs_entry::deletion_by::cleanup);
   ASSERT_TRUE(cache.update(y));
+  ASSERT_TRUE(cache.by_path(stored, "/y"));
+  EXPECT_EQ(stored.deletion.load(), fs_entry::deletion_by::cleanup);
   y.deletion.store(fs_entry::deletion_by::none);
   y.file_size = 77;
   ASSERT_TRUE(cache.update(y));
-  fs_entry stored;
   ASSERT_TRUE(cache.by_path(stored, "/y"));
   EXPECT_FALSE(stored.is_deletion_pending());
   EXPECT_EQ(stored.file_size, 77UL);
