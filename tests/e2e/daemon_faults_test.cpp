@@ -158,6 +158,9 @@ TEST_P(DaemonFaults, LogsTheFaultAndKeepsServingAnExactCatalogue) {
   for (const auto& [name, value] : c.environment) ::unsetenv(name.c_str());
   ::unsetenv("FAITRA_INSTANT_SLEEP");
   ASSERT_TRUE(daemon.wait_ready());
+  // The reconcile that runs at start reads every capture too; a fault armed
+  // while it runs could strike it instead of the live path.
+  ASSERT_TRUE(faitra_test::wait_until([&] { return daemon.status_number({"reconcile", "runs"}) >= 1; }));
 
   write_text(arm, "");
   c.provoke(daemon, dir.path());
