@@ -1,8 +1,8 @@
 // csl::fs_reader: turns the files of one directory into catalogue records.
 //
 // collect_files lists a directory once with raw getdents64 calls (16 MB of
-// records per call), keeps the names the filter accepts (called with the
-// bare name), reads each file's status and its four capture attributes,
+// records per call), takes the records of each call in name order, keeps
+// the names the filter accepts (called with the bare name), reads each file's status and its four capture attributes,
 // reports files without a hash attribute, and files with one whose size is
 // at most the empty-file limit, to the two callbacks, and inserts every
 // record into the cache. It never recurses and never writes attributes.
