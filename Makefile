@@ -3,11 +3,12 @@
 #   make demo    install the Debian packages, build, and run scripts/demo.sh
 #   make build   install the Debian packages and build into build/default
 #   make test    scripts/test.sh: build and run every test
+#   make bench   build the benchmarks (build/bench) and write docs/performance.md
 #   make clean   remove build/default
 
 BUILD_DIR := build/default
 
-.PHONY: all deps build test demo clean
+.PHONY: all deps build test bench demo clean
 
 all: build
 
@@ -20,6 +21,12 @@ build: deps
 
 test:
 	scripts/test.sh
+
+bench:
+	scripts/install-deps.sh --bench
+	cmake --preset bench
+	cmake --build --preset bench -j$$(nproc)
+	python3 bench/run.py --build build/bench --docs docs
 
 demo: build
 	FAITRA=$(BUILD_DIR)/apps/faitra scripts/demo.sh

@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing faitra needs.
 # Safe to run again; skips apt entirely when everything is present.
+#
+#   scripts/install-deps.sh          build and test
+#   scripts/install-deps.sh --bench  also what `make bench` needs (plots, profiler)
 set -euo pipefail
 
 packages=(
@@ -9,6 +12,11 @@ packages=(
   libcpp-httplib-dev libcli11-dev
   attr curl python3
 )
+case "${1:-}" in
+  --bench) packages+=(gnuplot-nox linux-perf) ;;
+  "") ;;
+  *) echo "unknown argument: $1" >&2; exit 2 ;;
+esac
 
 missing=()
 for p in "${packages[@]}"; do

@@ -175,6 +175,55 @@ TEST(FsCache, DeletionsAndTheLeftoversTheyKeep) {
   EXPECT_EQ(cache.clear(), 0UL);
 }
 
+// The very record object that a time deletion left in the creation and end
+// indexes, inserted again: its leftover entries must be replaced, not
+// doubled, even though a freshly made record skips the removal walks.
+TEST(FsCache, ReinsertingARecordLeftByATimeDeletionKeepsOneEntryPerIndex) {
+  fs_cache cache;
+  ASSERT_TRUE(cache.insert(shared_record("/y/other", "ko", 7, 4, 9)));
+  auto kept = shared_record("/y/a", "ka", 7, 5, 9);
+  std::shared_ptr<fs_entry> handed_over = kept;
+  ASSERT_TRUE(cache.insert(std::move(handed_over)));
+  ASSERT_TRUE(cache.delete_by_time(nullptr, 5, 5));
+  ASSERT_TRUE(cache.insert(std::move(kept)));
+  EXPECT_EQ(indexes(cache),
+            "creation 7:/y/other 7:/y/a\nstart 4:/y/other 5:/y/a\nend 9:/y/other 9:/y/a\nkey ka:/y/a ko:/y/other\n"
+            "path /y/a /y/other");
+}
+
+// Index nodes come from the catalogue's own arena and are recycled; a copy
+// of an index must not share that arena, or the catalogue's later churn
+// would overwrite the copy's nodes.
+TEST(FsCache, ArenaChurnKeepsTheIndexesWholeAndCopiesStayIndependent) {
+  fs_cache cache;
+  constexpr unsigned long count = 3000;
+  auto path_of = [](unsigned long i) { return "/z/" + std::to_string(i); };
+  for (unsigned long i = 0; i < count; ++i) {
+    ASSERT_TRUE(cache.insert(shared_record(path_of(i), "k" + std::to_string(i), i % 17, i, i + 1)));
+  }
+  for (unsigned long i = 0; i < count; i += 2) ASSERT_TRUE(cache.delete_by_path(nullptr, path_of(i)));
+  ASSERT_TRUE(cache.delete_by_time(nullptr, 1001, 1999));
+
+  fs_cache::path_index copy = [&] {
+    fs_cache::guard lock(cache);
+    return fs_cache::path_index(cache.path_cache());
+  }();
+  const size_t copied = copy.size();
+  EXPECT_EQ(copied, cache.size());
+
+  cache.clear();
+  for (unsigned long i = 0; i < count; ++i) {
+    ASSERT_TRUE(cache.insert(shared_record("/w/" + std::to_string(i), "n" + std::to_string(i), i, i, i)));
+  }
+  EXPECT_EQ(cache.size(), count);
+  EXPECT_EQ(indexes(cache).find("(wrong)"), std::string::npos);
+  ASSERT_EQ(copy.size(), copied);
+  for (const auto& [path, e] : copy) {
+    ASSERT_EQ(path, e->path);
+    ASSERT_EQ(path.substr(0, 3), "/z/");
+  }
+}
+
 TEST(FsCache, ByTimeSelectsAnInclusiveStartRangeAndAppends) {
   fs_cache cache;
   for (const auto& [path, start] : {std::pair{"/10", 10UL}, {"/20b", 20UL}, {"/20a", 20UL}, {"/30", 30UL}}) {

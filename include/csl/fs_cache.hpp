@@ -28,6 +28,7 @@
 #pragma once
 
 #include <csl/fs_entry.hpp>
+#include <csl/utils/node_pool.hpp>
 #include <csl/utils/recursive_shared_mutex.hpp>
 
 #include <cstdint>
@@ -43,9 +44,18 @@ namespace csl {
 class fs_cache : public synchronized_ptr_shared<recursive_shared_mutex> {
  public:
   using entry_ptr = std::shared_ptr<fs_entry>;
-  using key_index = std::unordered_map<std::string_view, entry_ptr>;
-  using ts_index = std::multimap<unsigned long, entry_ptr>;
-  using path_index = std::map<std::string_view, entry_ptr, std::less<>>;
+  // The nodes of every index come from the catalogue's own node arena
+  // (csl/utils/node_pool.hpp): about 40 bytes less per capture than one C
+  // library allocation per node.
+  template <typename K, typename V>
+  using node_allocator_of = node_allocator<std::pair<const K, V>>;
+  using key_index =
+      std::unordered_map<std::string_view, entry_ptr, std::hash<std::string_view>, std::equal_to<std::string_view>,
+                         node_allocator_of<std::string_view, entry_ptr>>;
+  using ts_index = std::multimap<unsigned long, entry_ptr, std::less<unsigned long>,
+                                 node_allocator_of<unsigned long, entry_ptr>>;
+  using path_index =
+      std::map<std::string_view, entry_ptr, std::less<>, node_allocator_of<std::string_view, entry_ptr>>;
 
   // The value first_creation_ts() returns for an empty creation index.
   static constexpr unsigned long NO_CREATION_TS = 9223372036854775807UL;
@@ -86,6 +96,7 @@ class fs_cache : public synchronized_ptr_shared<recursive_shared_mutex> {
   path_index::iterator delete_path(path_index::iterator position);
 
   mutable recursive_shared_mutex _mutex;
+  node_arena _arena;  // outlives the indexes, which are declared after it
   key_index _key_index;
   ts_index _creation_index;
   ts_index _start_index;

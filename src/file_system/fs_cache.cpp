@@ -2,6 +2,8 @@
 
 #include <cdl/exception.hpp>
 
+#include <iterator>
+
 namespace csl {
 
 namespace {
@@ -22,16 +24,33 @@ void erase_ts_entry(fs_cache::ts_index& index, unsigned long ts, const fs_entry*
   }
 }
 
+// Adds (ts, record) after every entry with the same timestamp, as emplace
+// does. Hinted at the end: timestamps mostly grow, and then the entry is
+// placed without a walk from the root.
+void append(fs_cache::ts_index& index, unsigned long ts, const fs_cache::entry_ptr& record) {
+  index.emplace_hint(index.end(), ts, record);
+}
+
 }  // namespace
 
-fs_cache::fs_cache() : synchronized_ptr_shared<recursive_shared_mutex>(&_mutex, nullptr) {}
+fs_cache::fs_cache()
+    : synchronized_ptr_shared<recursive_shared_mutex>(&_mutex, nullptr),
+      _key_index(0, key_index::hasher(), key_index::key_equal(), key_index::allocator_type(&_arena)),
+      _creation_index(ts_index::allocator_type(&_arena)),
+      _start_index(ts_index::allocator_type(&_arena)),
+      _end_index(ts_index::allocator_type(&_arena)),
+      _path_index(path_index::allocator_type(&_arena)) {}
 
 bool fs_cache::insert(entry_ptr&& entry) {
   if (!entry) cdl::throw_assert(CDL_FILE_NAME, 26, "entry is null");
   guard lock(*this);
   fs_entry* record = entry.get();
-  auto [position, inserted] = _path_index.try_emplace(std::string_view(record->path), std::move(entry));
-  if (!inserted) return false;
+  // Hinted at the end: capture paths grow, so a new path usually sorts last
+  // and is placed without a walk from the root; any other path falls back
+  // to the usual search.
+  const size_t size_before = _path_index.size();
+  const auto position = _path_index.try_emplace(_path_index.end(), std::string_view(record->path), std::move(entry));
+  if (_path_index.size() == size_before) return false;
   update_impl(*record, position, true);
   return true;
 }
@@ -46,28 +65,46 @@ bool fs_cache::update(const fs_entry& entry) {
 
 void fs_cache::update_impl(const fs_entry& src, path_index::iterator position, bool inserted) {
   const entry_ptr& stored = position->second;
+  // A record whose only owner is the path index has no timestamp entries,
+  // so the removal walks are skipped for it. They would search in vain, and
+  // on a start-up scan of captures created within the same second each one
+  // would walk every capture inserted before it. A just-inserted record
+  // that is still referenced elsewhere (for instance by the entries that a
+  // time deletion leaves behind) takes the walks as usual.
+  const bool may_be_indexed = !inserted || stored.use_count() > 1;
   // `src` may be the stored record itself (on insert): read what is needed
   // before the stored fields change.
-  if (inserted || !(stored->key == src.key)) {
+  if (inserted && &src == stored.get()) {
+    // The new record takes the key from whichever record held it, in one
+    // lookup when no other record holds it (the usual case).
+    if (!stored->key.is_null()) {
+      const std::string_view key(*stored->key);
+      auto [position_in_keys, added] = _key_index.try_emplace(key, stored);
+      if (!added) {
+        _key_index.erase(position_in_keys);  // its key view belongs to the other record
+        _key_index.emplace(key, stored);
+      }
+    }
+  } else if (inserted || !(stored->key == src.key)) {
     if (!stored->key.is_null()) _key_index.erase(std::string_view(*stored->key));
     stored->key = src.key;
     if (!stored->key.is_null()) _key_index.emplace(std::string_view(*stored->key), stored);
   }
 
-  delete_creation_ts_impl(position);
+  if (may_be_indexed) delete_creation_ts_impl(position);
   stored->creation_ts = src.creation_ts;
-  _creation_index.emplace(stored->creation_ts, stored);
+  append(_creation_index, stored->creation_ts, stored);
 
   if (inserted || !(stored->start_ts == src.start_ts)) {
-    if (!stored->start_ts.is_null()) delete_ts_impl(position, true);
+    if (may_be_indexed && !stored->start_ts.is_null()) delete_ts_impl(position, true);
     stored->start_ts = src.start_ts;
-    if (!stored->start_ts.is_null()) _start_index.emplace(*stored->start_ts, stored);
+    if (!stored->start_ts.is_null()) append(_start_index, *stored->start_ts, stored);
   }
 
   if (inserted || !(stored->end_ts == src.end_ts)) {
-    if (!stored->end_ts.is_null()) delete_ts_impl(position, false);
+    if (may_be_indexed && !stored->end_ts.is_null()) delete_ts_impl(position, false);
     stored->end_ts = src.end_ts;
-    if (!stored->end_ts.is_null()) _end_index.emplace(*stored->end_ts, stored);
+    if (!stored->end_ts.is_null()) append(_end_index, *stored->end_ts, stored);
   }
 
   stored->deletion.store(src.deletion.load());
@@ -119,6 +156,7 @@ bool fs_cache::delete_by_time(std::vector<fs_entry>* out, unsigned long start, u
   auto first = _start_index.lower_bound(start);
   const auto last = _start_index.upper_bound(end);
   if (first == last) return false;
+  if (out != nullptr) out->reserve(out->size() + static_cast<size_t>(std::distance(first, last)));
   while (first != last) {
     const entry_ptr record = first->second;
     if (out != nullptr) out->push_back(*record);
@@ -144,6 +182,9 @@ bool fs_cache::by_time(std::vector<fs_entry>& out, unsigned long start, unsigned
   auto first = _start_index.lower_bound(start);
   const auto last = _start_index.upper_bound(end);
   if (first == last) return false;
+  // Records have no move constructor: every reallocation of `out` would
+  // copy (and allocate) each record's path and key again.
+  out.reserve(out.size() + static_cast<size_t>(std::distance(first, last)));
   for (; first != last; ++first) out.push_back(*first->second);
   return true;
 }

@@ -1,0 +1,229 @@
+#!/usr/bin/env python3
+"""Runs every benchmark of bench/ and writes docs/performance.md with its plots.
+
+    bench/run.py [--build build/bench] [--docs docs] [--quick]
+
+The scan's capture directories ($TMPDIR/faitra-bench-captures-N) are written
+once and kept for later runs; `--clean-data` removes them. Each benchmark
+repeats several times; the report gives medians with min and
+max. Results also go to BUILD/bench-results.json. Needs the programs built by
+the `bench` CMake preset, gnuplot for the plots and root for the cleanup's
+tmpfs; linux-perf is optional (the profile section is left out without it).
+"""
+import argparse
+import json
+import os
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, HERE)
+import report  # noqa: E402
+
+
+def log(message):
+    print(f"[bench {time.strftime('%H:%M:%S')}] {message}", flush=True)
+
+
+def summary(values):
+    return {"median": statistics.median(values), "min": min(values), "max": max(values), "runs": len(values)}
+
+
+def timed(command, stdout=subprocess.DEVNULL):
+    """Runs `command`; returns wall seconds, CPU seconds (user+sys) and its output."""
+    begin = time.monotonic()
+    process = subprocess.Popen(command, stdout=stdout, stderr=subprocess.DEVNULL)
+    _, status, usage = os.wait4(process.pid, 0)
+    wall = time.monotonic() - begin
+    output = process.stdout.read() if stdout == subprocess.PIPE else b""
+    if os.waitstatus_to_exitcode(status) != 0:
+        raise RuntimeError(f"{' '.join(command)} failed")
+    return wall, usage.ru_utime + usage.ru_stime, output
+
+
+def capture_dir(tools, n):
+    """A directory of n captures under $TMPDIR, written once and kept for
+    later runs (writing and removing 100,000 files with attributes takes
+    minutes on a busy disk); `--clean-data` removes it."""
+    directory = os.path.join(tempfile.gettempdir(), f"faitra-bench-captures-{n}")
+    marker = os.path.join(directory, ".complete")
+    if not os.path.exists(marker):
+        shutil.rmtree(directory, ignore_errors=True)
+        os.makedirs(directory)
+        log(f"scan: writing {n} captures into {directory}")
+        subprocess.run([tools["make_captures"], directory, str(n)], check=True)
+        open(marker, "w").close()
+    return directory
+
+
+def scan(tools, sizes, repetitions):
+    results = {}
+    for n in sizes:
+        directory = capture_dir(tools, n)
+        variants = {
+            "floor": [tools["scan_floor"], directory],
+            "library": [tools["lib_scan"], directory],
+            "faitra scan": [tools["faitra"], "scan", directory],
+            "python": [sys.executable, os.path.join(HERE, "scan_script.py"), directory],
+        }
+        for command in variants.values():  # hot cache for everyone
+            timed(command)
+        wall = {name: [] for name in variants}
+        cpu = {name: [] for name in variants}
+        in_process = []
+        for _ in range(repetitions):
+            for name, command in variants.items():  # interleaved, so load drifts hit all alike
+                w, c, out = timed(command, subprocess.PIPE if name == "library" else subprocess.DEVNULL)
+                wall[name].append(w)
+                cpu[name].append(c)
+                if name == "library":
+                    in_process.append(json.loads(out)["scan_ns"] / 1e9)
+        results[str(n)] = {
+            "wall": {name: summary(v) for name, v in wall.items()},
+            "cpu": {name: summary(v) for name, v in cpu.items()},
+            "library_in_process": summary(in_process),
+        }
+        log(f"scan {n}: " + ", ".join(f"{k} {v['median']:.3f}s" for k, v in results[str(n)]["wall"].items()))
+    return results
+
+
+def run_json(command):
+    return json.loads(subprocess.run(command, check=True, stdout=subprocess.PIPE).stdout)
+
+
+def index_operations(tools, repetitions, min_time):
+    log("index operations at 1M records")
+    output = subprocess.run([tools["cache_bench"], f"--benchmark_repetitions={repetitions}",
+                             f"--benchmark_min_time={min_time}", "--benchmark_format=json"],
+                            check=True, stdout=subprocess.PIPE).stdout
+    runs = {}
+    for b in json.loads(output)["benchmarks"]:
+        if b.get("run_type") != "iteration":
+            continue
+        name = b["run_name"].split("/")[0]
+        entry = runs.setdefault(name, {"ns": [], "items_per_s": [], "writer_inserts_per_s": [], "cpu_ns": []})
+        scale = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}[b["time_unit"]]
+        entry["ns"].append(b["real_time"] * scale)
+        entry["cpu_ns"].append(b["cpu_time"] * scale)
+        if "items_per_second" in b:
+            entry["items_per_s"].append(b["items_per_second"])
+        if "writer_inserts_per_s" in b:
+            entry["writer_inserts_per_s"].append(b["writer_inserts_per_s"])
+    results = {}
+    for name, entry in runs.items():
+        results[name] = {k: summary(v) for k, v in entry.items() if v}
+    return results
+
+
+def memory(tools, repetitions):
+    log("memory per record at 1M records")
+    runs = [run_json([tools["memory_bench"], "1000000"]) for _ in range(repetitions)]
+    return {"bytes_per_record": summary([r["bytes_per_record"] for r in runs]),
+            "inserts_per_s": summary([r["inserts_per_s"] for r in runs])}
+
+
+def freshness(tools, repetitions, captures):
+    log(f"freshness over {captures} captures x {repetitions}")
+    runs = [run_json([tools["freshness_bench"], str(captures)]) for _ in range(repetitions)]
+    return {"p50_us": summary([r["p50_us"] for r in runs]), "p99_us": summary([r["p99_us"] for r in runs]),
+            "max_us": summary([r["max_us"] for r in runs]), "missed": sum(r["missed"] for r in runs),
+            "latencies_us": [x for r in runs for x in r["latencies_us"]]}
+
+
+def throughput(tools, rates, seconds, repetitions):
+    results = {}
+    for fs, tmpdir in (("tmpfs", "/dev/shm"), ("tmpdir", None)):
+        env = dict(os.environ)
+        if tmpdir:
+            env["TMPDIR"] = tmpdir
+        for rate in (rates if fs == "tmpfs" else [5000]):
+            log(f"throughput {rate}/s on {fs}")
+            runs = [json.loads(subprocess.run([tools["throughput_bench"], str(rate), str(seconds)], check=True,
+                                              stdout=subprocess.PIPE, env=env).stdout) for _ in range(repetitions)]
+            results[f"{fs}:{rate}"] = {"fs": fs, "rate_tried": rate,
+                                       "achieved_rate": summary([r["achieved_rate"] for r in runs]),
+                                       "lost": summary([r["lost"] for r in runs]),
+                                       "drain_ms": summary([r["drain_ms"] for r in runs])}
+    return results
+
+
+def cleanup(tools, repetitions, with_pauses):
+    log("cleanup of 10,000 captures")
+    fast = [run_json([tools["cleanup_bench"], "no-pauses"]) for _ in range(repetitions)]
+    result = {"no_pauses": {k: summary([r[k] for r in fast]) for k in ("run_s", "removal_s", "files_per_s",
+                                                                       "catalogue_empty_s")}}
+    if with_pauses:
+        log("cleanup with its two 15 s pauses (about 30 s)")
+        slow = [run_json([tools["cleanup_bench"], "pauses"])]
+        result["pauses"] = {k: summary([r[k] for r in slow]) for k in ("run_s", "removal_s", "files_per_s")}
+    return result
+
+
+def profile(tools):
+    """perf profile of the library-level scan of 100,000 captures: share of
+    samples in the kernel and in user space, and the top user symbols."""
+    if shutil.which("perf") is None:
+        return None
+    directory = capture_dir(tools, 100000)
+    data = os.path.join(tempfile.mkdtemp(prefix="faitra-perf-"), "perf.data")
+    try:
+        timed([tools["lib_scan"], directory])
+        record = subprocess.run(["perf", "record", "-q", "-o", data, tools["lib_scan"], directory],
+                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        if record.returncode != 0:
+            return None
+        def perf_report(sort):
+            out = subprocess.run(["perf", "report", "-i", data, "--no-children", "--sort", sort, "-g", "none",
+                                  "--stdio", "--percent-limit", "1"],
+                                 stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True).stdout
+            rows = []
+            for line in out.splitlines():
+                line = line.strip()
+                if not line or line.startswith("#") or "%" not in line:
+                    continue
+                percent, rest = line.split("%", 1)
+                rows.append((float(percent), " ".join(rest.split())[:110]))
+            return rows
+        return {"dso": perf_report("dso"), "symbols": perf_report("dso,symbol")[:15]}
+    finally:
+        shutil.rmtree(os.path.dirname(data), ignore_errors=True)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--build", default="build/bench")
+    parser.add_argument("--docs", default="docs")
+    parser.add_argument("--quick", action="store_true", help="fewer repetitions, no 30 s cleanup run")
+    parser.add_argument("--clean-data", action="store_true", help="remove the kept capture directories and exit")
+    args = parser.parse_args()
+    if args.clean_data:
+        for n in (10000, 100000):
+            shutil.rmtree(os.path.join(tempfile.gettempdir(), f"faitra-bench-captures-{n}"), ignore_errors=True)
+        return
+    tools = {name: os.path.join(args.build, "bench", name) for name in
+             ("make_captures", "scan_floor", "lib_scan", "cache_bench", "memory_bench", "freshness_bench",
+              "throughput_bench", "cleanup_bench")}
+    tools["faitra"] = os.path.join(args.build, "apps", "faitra")
+    reps = 2 if args.quick else 5
+    results = {"load_before": os.getloadavg(), "started": time.strftime("%Y-%m-%d %H:%M:%S UTC", time.gmtime()),
+               "cpus": os.cpu_count(), "kernel": os.uname().release}
+    results["scan"] = scan(tools, [10000, 100000], reps)
+    results["index"] = index_operations(tools, reps, 0.2)
+    results["memory"] = memory(tools, 3 if not args.quick else 1)
+    results["freshness"] = freshness(tools, 3 if not args.quick else 1, 1000 if not args.quick else 200)
+    results["throughput"] = throughput(tools, [1000, 5000, 20000], 2, 3 if not args.quick else 1)
+    results["cleanup"] = cleanup(tools, reps, not args.quick)
+    results["profile"] = profile(tools)
+    results["load_after"] = os.getloadavg()
+    with open(os.path.join(args.build, "bench-results.json"), "w") as f:
+        json.dump(results, f, indent=1)
+    report.write(results, args.docs, quick=args.quick)
+    log(f"wrote {os.path.join(args.docs, 'performance.md')}")
+
+
+if __name__ == "__main__":
+    main()
