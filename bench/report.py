@@ -18,9 +18,9 @@ TARGETS = {
 
 def fmt(s, scale=1.0, digits=2, unit=""):
     """median (min-max) of a summary."""
-    spec = f",.{digits}f" if digits == 0 else f".{digits}f"
-    return (f"{s['median'] * scale:{spec}}{unit} ({s['min'] * scale:{spec}}-"
-            f"{s['max'] * scale:{spec}})")
+    number_format = f",.{digits}f" if digits == 0 else f".{digits}f"
+    return (f"{s['median'] * scale:{number_format}}{unit} ({s['min'] * scale:{number_format}}-"
+            f"{s['max'] * scale:{number_format}})")
 
 
 def verdict(ok):

@@ -28,13 +28,13 @@ constexpr field_spec FIELD_MANDATORY_ALL = 1u << 1;
 
 class field_specs {
  public:
-  field_specs(field_spec spec = 0) : _spec(spec) {}  // NOLINT: implicit by design
-  bool mandatory_all() const { return (_spec & FIELD_MANDATORY_ALL) != 0; }
-  bool mandatory() const { return mandatory_all() || (_spec & FIELD_MANDATORY) != 0; }
-  field_spec value() const { return _spec; }
+  field_specs(field_spec flags = 0) : _flags(flags) {}  // NOLINT: implicit by design
+  bool mandatory_all() const { return (_flags & FIELD_MANDATORY_ALL) != 0; }
+  bool mandatory() const { return mandatory_all() || (_flags & FIELD_MANDATORY) != 0; }
+  field_spec value() const { return _flags; }
 
  private:
-  field_spec _spec;
+  field_spec _flags;
 };
 
 namespace impl {
@@ -138,31 +138,31 @@ struct json_getter<unsigned long> {
 };
 
 template <typename T, typename Doc>
-bool set_from_json_impl(T& out, const Doc& doc, const std::string& key, field_specs specs, bool* is_null) {
+bool set_from_json_impl(T& out, const Doc& doc, const std::string& key, field_specs rules, bool* is_null) {
   T temporary{};
   if (json_getter<T>::get(temporary, doc, key, is_null)) {
     if (is_null != nullptr && *is_null) return true;
     json_getter<T>::store(out, std::move(temporary));
     return true;
   }
-  if (specs.mandatory()) json_getter<T>::missing(key);
+  if (rules.mandatory()) json_getter<T>::missing(key);
   return false;
 }
 
 }  // namespace impl
 
 template <typename T, typename Doc>
-bool set_from_json(T& out, const Doc& doc, const std::string& key, field_specs specs = field_specs(),
+bool set_from_json(T& out, const Doc& doc, const std::string& key, field_specs rules = field_specs(),
                    bool* is_null = nullptr) {
-  return impl::set_from_json_impl(out, doc, key, specs, is_null);
+  return impl::set_from_json_impl(out, doc, key, rules, is_null);
 }
 
 // A JSON null makes `out` null, a value makes it set, an absent optional
 // field leaves it as it was.
 template <typename T, typename Doc>
-bool set_from_json(nullable<T>& out, const Doc& doc, const std::string& key, field_specs specs = field_specs()) {
+bool set_from_json(nullable<T>& out, const Doc& doc, const std::string& key, field_specs rules = field_specs()) {
   bool is_null = out.is_null();
-  const bool result = impl::set_from_json_impl(*out, doc, key, specs, &is_null);
+  const bool result = impl::set_from_json_impl(*out, doc, key, rules, &is_null);
   out.set_null(is_null);
   return result;
 }

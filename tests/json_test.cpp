@@ -121,9 +121,9 @@ struct reader_case {
 
 template <typename T>
 auto setter() {
-  return [](const rapidjson::Document& doc, const std::string& key, cdl::field_specs specs, bool* is_null) {
+  return [](const rapidjson::Document& doc, const std::string& key, cdl::field_specs rules, bool* is_null) {
     T out{};
-    return cdl::set_from_json(out, doc, key, specs, is_null);
+    return cdl::set_from_json(out, doc, key, rules, is_null);
   };
 }
 
@@ -153,8 +153,8 @@ TEST(JsonReader, OutcomesByDocumentShape) {
       EXPECT_FALSE(r.set(doc_of(absent), "k", optional, nullptr)) << absent;
     }
     for (const char* absent : {"{}", "null", "7"}) {
-      for (const cdl::field_specs specs : {mandatory, cdl::field_specs(cdl::FIELD_MANDATORY_ALL)}) {
-        expect_raise<cdl::missing_field_error>([&] { r.set(doc_of(absent), "k", specs, nullptr); },
+      for (const cdl::field_specs rules : {mandatory, cdl::field_specs(cdl::FIELD_MANDATORY_ALL)}) {
+        expect_raise<cdl::missing_field_error>([&] { r.set(doc_of(absent), "k", rules, nullptr); },
                                                r.missing_message, r.missing_line, absent);
       }
     }

@@ -47,7 +47,7 @@ class fs_entry : public cdl::json_object {
   ~fs_entry() override;
 
   void from_json(const rapidjson::Document& doc, cdl::validation_error_list& errors, cdl::api_version_t<int> version,
-                 cdl::print_type_t<int> print, cdl::field_specs specs) override;
+                 cdl::print_type_t<int> print, cdl::field_specs rules) override;
   void to_json(cdl::json_writer& writer, cdl::api_version_t<int> version,
                cdl::print_type_t<int> print) const override;
 

@@ -50,7 +50,7 @@ class fs_storage {
   class state : public cdl::json_object {
    public:
     void from_json(const rapidjson::Document& doc, cdl::validation_error_list& errors,
-                   cdl::api_version_t<int> version, cdl::print_type_t<int> print, cdl::field_specs specs) override;
+                   cdl::api_version_t<int> version, cdl::print_type_t<int> print, cdl::field_specs rules) override;
     // {"disk_space": {"used": <used>, "total": <total>}}
     void to_json(cdl::json_writer& writer, cdl::api_version_t<int> version,
                  cdl::print_type_t<int> print) const override;

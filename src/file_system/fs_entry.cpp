@@ -76,15 +76,15 @@ void fs_entry::to_json(cdl::json_writer& writer, cdl::api_version_t<int>, cdl::p
 // changed. "pending_deletion" can only set the marker, never clear it.
 void fs_entry::from_json(const rapidjson::Document& doc, cdl::validation_error_list&, cdl::api_version_t<int>,
                          cdl::print_type_t<int>, cdl::field_specs) {
-  const cdl::field_specs specs(0);
-  cdl::set_from_json(path, doc, "path", specs);
-  cdl::set_from_json(key, doc, "key", specs);
-  cdl::set_from_json(creation_ts, doc, "creation_ts", specs);
-  cdl::set_from_json(start_ts, doc, "start_ts", specs);
-  cdl::set_from_json(end_ts, doc, "end_ts", specs);
-  cdl::set_from_json(file_size, doc, "file_size", specs);
+  const cdl::field_specs rules(0);
+  cdl::set_from_json(path, doc, "path", rules);
+  cdl::set_from_json(key, doc, "key", rules);
+  cdl::set_from_json(creation_ts, doc, "creation_ts", rules);
+  cdl::set_from_json(start_ts, doc, "start_ts", rules);
+  cdl::set_from_json(end_ts, doc, "end_ts", rules);
+  cdl::set_from_json(file_size, doc, "file_size", rules);
   bool pending = false;
-  if (cdl::set_from_json(pending, doc, "pending_deletion", specs) && pending) {
+  if (cdl::set_from_json(pending, doc, "pending_deletion", rules) && pending) {
     deletion.store(deletion_by::requested);
   }
 }

@@ -23,12 +23,12 @@ constexpr auto STOP_CHECK_PERIOD = std::chrono::milliseconds(50);
 }  // namespace
 
 void fs_storage::state::from_json(const rapidjson::Document& doc, cdl::validation_error_list&,
-                                  cdl::api_version_t<int>, cdl::print_type_t<int>, cdl::field_specs specs) {
+                                  cdl::api_version_t<int>, cdl::print_type_t<int>, cdl::field_specs rules) {
   if (!doc.IsObject()) return;
   const auto disk_space = doc.FindMember("disk_space");
   if (disk_space == doc.MemberEnd()) return;
-  cdl::set_from_json(used, disk_space->value, "used", specs);
-  cdl::set_from_json(total, disk_space->value, "total", specs);
+  cdl::set_from_json(used, disk_space->value, "used", rules);
+  cdl::set_from_json(total, disk_space->value, "total", rules);
 }
 
 void fs_storage::state::to_json(cdl::json_writer& writer, cdl::api_version_t<int>, cdl::print_type_t<int>) const {

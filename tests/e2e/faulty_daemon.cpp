@@ -44,9 +44,9 @@ class fault {
   explicit fault(const char* variable) {
     const char* value = std::getenv(variable);
     if (value == nullptr) return;
-    const std::string spec = value;
-    const size_t colon = spec.rfind(':');
-    _fragment = colon == std::string::npos ? "" : spec.substr(0, colon);
+    const std::string setting = value;
+    const size_t colon = setting.rfind(':');
+    _fragment = colon == std::string::npos ? "" : setting.substr(0, colon);
     _left = std::atoi(colon == std::string::npos ? value : value + colon + 1);
   }
 

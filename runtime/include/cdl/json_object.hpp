@@ -39,7 +39,7 @@ class json_object {
  public:
   virtual ~json_object();
   virtual void from_json(const rapidjson::Document& doc, validation_error_list& errors, api_version_t<int> version,
-                         print_type_t<int> print, field_specs specs) = 0;
+                         print_type_t<int> print, field_specs rules) = 0;
   virtual void to_json(json_writer& writer, api_version_t<int> version, print_type_t<int> print) const = 0;
 
   // Convenience: the object's JSON text with default version and print type.
