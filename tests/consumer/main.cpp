@@ -1,7 +1,8 @@
 // Uses the installed library the way a host does: one umbrella header, the
-// catalogue, and the exception family from the runtime. Exits 0 only when
+// catalogue, the exception family from the runtime, and the host library. Exits 0 only when
 // everything behaves.
 #include <csl/faitra.hpp>
+#include <faitra/host/daemon_address.hpp>
 
 #include <cstdio>
 #include <memory>
@@ -27,6 +28,9 @@ int main() {
   } catch (const cdl::exception& e) {
     if (std::string(e.what()) != "entry is null") return 5;
   }
+  faitra_host::listen_address address;
+  std::string error;
+  if (!faitra_host::parse_listen_address("[::1]:8470", address, error) || address.port != 8470) return 6;
   std::printf("%s\n", found.to_str().c_str());
   return 0;
 }

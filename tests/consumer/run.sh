@@ -35,7 +35,7 @@ quietly build cmake --build "$work/cmake-build"
 "$work/cmake-build/faitra_consumer"
 
 pc_dir=$(dirname "$(find "$prefix" -name faitra.pc -print -quit)")
-flags=$(PKG_CONFIG_PATH="$pc_dir" pkg-config --cflags --libs faitra)
+flags=$(PKG_CONFIG_PATH="$pc_dir" pkg-config --cflags --libs faitra-host)
 # shellcheck disable=SC2086  # the flags are meant to split
 "$cxx" -Wall -Wextra -Werror "$here/main.cpp" -o "$work/pc-consumer" $flags
 libdir=$(PKG_CONFIG_PATH="$pc_dir" pkg-config --variable=libdir faitra)

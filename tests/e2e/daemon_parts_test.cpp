@@ -3,10 +3,10 @@
 // the catalogue comparison behind the reconcile.
 #include "daemon_harness.hpp"
 
-#include "daemon_address.hpp"
-#include "daemon_command.hpp"
-#include "metrics.hpp"
-#include "reconcile.hpp"
+#include <faitra/host/daemon_address.hpp>
+#include <faitra/host/daemon_command.hpp>
+#include <faitra/host/metrics.hpp>
+#include <faitra/host/reconcile.hpp>
 
 #include "support/records.hpp"
 
@@ -15,12 +15,12 @@
 namespace {
 
 using namespace std::chrono_literals;
-using faitra_cli::command_runner;
+using faitra_host::command_runner;
 using faitra_e2e::read_text;
 using faitra_e2e::write_text;
 
 TEST(CommandRunnerTest, SplitsOnSpacesOnlyAndNeverUsesAShell) {
-  EXPECT_EQ(faitra_cli::split_command_line("  /bin/x  -a\tb  "), (std::vector<std::string>{"/bin/x", "-a", "b"}));
+  EXPECT_EQ(faitra_host::split_command_line("  /bin/x  -a\tb  "), (std::vector<std::string>{"/bin/x", "-a", "b"}));
   faitra_test::temp_dir dir("faitra-e2e-cmd");
   const std::string script = dir.file("args.sh");
   write_text(script, "#!/bin/sh\nfor a in \"$@\"; do echo \"[$a]\"; done > " + dir.file("args") + "\n", 0755);
@@ -68,35 +68,35 @@ TEST(CommandRunnerTest, KillsACommandPastItsTimeLimitOrWhenCancelled) {
 }
 
 TEST(ListenAddressTest, AcceptsTheThreeFormsAndNothingElse) {
-  faitra_cli::listen_address a;
+  faitra_host::listen_address a;
   std::string error;
-  ASSERT_TRUE(faitra_cli::parse_listen_address("127.0.0.1:65535", a, error));
+  ASSERT_TRUE(faitra_host::parse_listen_address("127.0.0.1:65535", a, error));
   EXPECT_FALSE(a.unix_socket);
   EXPECT_EQ(a.host, "127.0.0.1");
   EXPECT_EQ(a.port, 65535);
-  ASSERT_TRUE(faitra_cli::parse_listen_address("[::1]:0", a, error));
+  ASSERT_TRUE(faitra_host::parse_listen_address("[::1]:0", a, error));
   EXPECT_EQ(a.host, "::1");
   EXPECT_EQ(a.port, 0);
   EXPECT_EQ(a.host_for_display(), "[::1]");
-  ASSERT_TRUE(faitra_cli::parse_listen_address("unix:/run/faitra.sock", a, error));
+  ASSERT_TRUE(faitra_host::parse_listen_address("unix:/run/faitra.sock", a, error));
   EXPECT_TRUE(a.unix_socket);
   EXPECT_EQ(a.host, "/run/faitra.sock");
   for (const char* bad : {"8470", "host:", "host:65536", "host:-1", "host:12x", "::1:80", "[::1:80", "unix:", ":80"}) {
-    EXPECT_FALSE(faitra_cli::parse_listen_address(bad, a, error)) << bad;
+    EXPECT_FALSE(faitra_host::parse_listen_address(bad, a, error)) << bad;
   }
 }
 
 TEST(MetricsTest, RendersEveryFamilyOnceWithItsValues) {
-  faitra_cli::daemon_counters counters;
+  faitra_host::daemon_counters counters;
   counters.cleanup_runs = 2;
   counters.deleted_cleanup = 7;
   counters.drift_updated = 3;
-  faitra_cli::metrics_sample sample;
+  faitra_host::metrics_sample sample;
   sample.captures = 12;
   sample.disk_used = 1UL << 40;
   sample.cleanup_in_progress = true;
-  faitra_cli::copy_counters(counters, sample);
-  const std::string text = faitra_cli::render_metrics(sample);
+  faitra_host::copy_counters(counters, sample);
+  const std::string text = faitra_host::render_metrics(sample);
   for (const char* line : {"faitra_captures 12\n", "faitra_disk_used_bytes 1099511627776\n",
                            "faitra_cleanup_in_progress 1\n", "faitra_cleanup_runs_total 2\n",
                            "faitra_captures_deleted_total{reason=\"cleanup\"} 7\n",
@@ -130,9 +130,9 @@ TEST(ReconcileCompareTest, FindsMissingExtraAndChangedRecords) {
   catalogue.by_path(marked, "/d/marked");
   marked.deletion = csl::fs_entry::deletion_by::requested;
   catalogue.update(marked);
-  EXPECT_EQ(faitra_cli::differing_paths(catalogue, disk),
+  EXPECT_EQ(faitra_host::differing_paths(catalogue, disk),
             (std::vector<std::string>{"/d/creation", "/d/end", "/d/gone", "/d/key", "/d/new", "/d/size"}));
-  EXPECT_TRUE(faitra_cli::differing_paths(disk, disk).empty());
+  EXPECT_TRUE(faitra_host::differing_paths(disk, disk).empty());
 }
 
 }  // namespace

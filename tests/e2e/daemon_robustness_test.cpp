@@ -3,7 +3,7 @@
 // report, repaired by the reconcile.
 #include "daemon_harness.hpp"
 
-#include "capture_filter.hpp"
+#include <faitra/host/capture_filter.hpp>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -64,7 +64,7 @@ TEST(DaemonMalformedAttributeTest, StartsAndReportsEachFileByName) {
 // fails; the filter must end that loop for a file that is gone.
 TEST(CaptureFilterTest, EndsTheScanRetryOfAVanishedFile) {
   faitra_test::temp_dir dir("faitra-e2e-filter");
-  faitra_cli::capture_filter filter({".pcap"}, {dir.path()});
+  faitra_host::capture_filter filter({".pcap"}, {dir.path()});
   EXPECT_TRUE(filter("gone.pcap"));   // listed
   EXPECT_FALSE(filter("gone.pcap"));  // offered again at once: its stat failed and it is gone
   ASSERT_EQ(filter.problems().size(), 1U);
@@ -73,8 +73,8 @@ TEST(CaptureFilterTest, EndsTheScanRetryOfAVanishedFile) {
   // A file that still exists is retried, but not for ever.
   faitra_test::write_and_close(dir.file("stuck.pcap"), 1);
   unsigned accepted = 0;
-  while (filter("stuck.pcap") && accepted <= faitra_cli::capture_filter::MAX_STAT_RETRIES + 1) ++accepted;
-  EXPECT_LE(accepted, faitra_cli::capture_filter::MAX_STAT_RETRIES);
+  while (filter("stuck.pcap") && accepted <= faitra_host::capture_filter::MAX_STAT_RETRIES + 1) ++accepted;
+  EXPECT_LE(accepted, faitra_host::capture_filter::MAX_STAT_RETRIES);
   EXPECT_GT(accepted, 1U);
 
   // Later scans and the monitor (full paths) still see other names.

@@ -17,7 +17,7 @@
 // with --pid the daemon's resident memory (VmRSS) before the load, after a
 // tenth of the run (warmed up) and at the end. Exit status 1 when there was
 // any error.
-#include "daemon_address.hpp"
+#include <faitra/host/daemon_address.hpp>
 
 #include <httplib.h>
 #include <rapidjson/document.h>
@@ -78,7 +78,7 @@ long rss_kb(long pid) {
   return -1;
 }
 
-std::unique_ptr<httplib::Client> connect(const faitra_cli::listen_address& address) {
+std::unique_ptr<httplib::Client> connect(const faitra_host::listen_address& address) {
   std::unique_ptr<httplib::Client> client;
   if (address.unix_socket) {
     client = std::make_unique<httplib::Client>(address.host);
@@ -105,7 +105,7 @@ std::vector<capture> captures_of(const std::string& body) {
   return out;
 }
 
-void run_client(const faitra_cli::listen_address& address, const httplib::Headers& headers,
+void run_client(const faitra_host::listen_address& address, const httplib::Headers& headers,
                 clock_type::time_point end, unsigned seed, client_result& result) {
   auto client = connect(address);
   std::mt19937_64 random(seed);
@@ -217,15 +217,15 @@ int main(int argc, char** argv) {
                  "usage: faitra_load --listen ADDR --seconds N [--clients N] [--pid PID] [--token-file FILE]\n");
     return 2;
   }
-  faitra_cli::listen_address address;
+  faitra_host::listen_address address;
   std::string error;
-  if (!faitra_cli::parse_listen_address(o.listen, address, error)) {
+  if (!faitra_host::parse_listen_address(o.listen, address, error)) {
     std::fprintf(stderr, "faitra_load: --listen: %s\n", error.c_str());
     return 2;
   }
   httplib::Headers headers;
   if (!o.token_file.empty()) {
-    const auto token = faitra_cli::read_token_file(o.token_file, error);
+    const auto token = faitra_host::read_token_file(o.token_file, error);
     if (!token) {
       std::fprintf(stderr, "faitra_load: --token-file: %s\n", error.c_str());
       return 2;

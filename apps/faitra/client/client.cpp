@@ -1,0 +1,453 @@
+// The client subcommands: talk to a running `faitra serve` over its HTTP
+// API and print readable tables, or the API's JSON with --json.
+//
+// Exit status: 0 on success, 1 when the daemon refused the request or could
+// not be reached (the reason goes to standard error).
+#include "commands.hpp"
+#include <faitra/host/daemon_address.hpp>
+
+#include <httplib.h>
+
+#include <rapidjson/document.h>
+#include <rapidjson/error/en.h>
+
+#include <signal.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace faitra_cli {
+
+using namespace faitra_host;
+
+namespace {
+
+struct client_options {
+  std::string listen = DEFAULT_LISTEN;
+  std::string token_file;
+  bool json = false;
+};
+
+void add_client_options(CLI::App* sub, client_options& o) {
+  sub->add_option("--listen", o.listen, "Where the daemon listens: HOST:PORT or unix:PATH")->capture_default_str();
+  sub->add_option("--token-file", o.token_file, "File holding the daemon's bearer token")->check(CLI::ExistingFile);
+  sub->add_flag("--json", o.json, "Print the daemon's JSON answer as it is");
+}
+
+class failure : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+struct answer {
+  int status = 0;
+  std::string body;
+  rapidjson::Document doc;
+};
+
+// Sends one request; raises `failure` when the daemon cannot be reached or
+// answers with an error status.
+answer call(const client_options& o, const std::string& method, const std::string& path,
+            const httplib::Params& params = {}, const std::string& body = "") {
+  listen_address address;
+  std::string error;
+  if (!parse_listen_address(o.listen, address, error)) throw failure("--listen: " + error);
+  httplib::Headers headers;
+  if (!o.token_file.empty()) {
+    const auto token = read_token_file(o.token_file, error);
+    if (!token) throw failure("--token-file: " + error);
+    headers.emplace("Authorization", "Bearer " + *token);
+  }
+  // A daemon that refuses a request before reading its body closes the
+  // connection; writing on must fail the request, not kill the client.
+  ::signal(SIGPIPE, SIG_IGN);
+  std::unique_ptr<httplib::Client> client;
+  if (address.unix_socket) {
+    client = std::make_unique<httplib::Client>(address.host);
+    client->set_address_family(AF_UNIX);
+  } else {
+    client = std::make_unique<httplib::Client>(address.host, address.port);
+  }
+  client->set_connection_timeout(std::chrono::seconds(5));
+  client->set_read_timeout(std::chrono::seconds(90));  // a reconcile may take a while
+  const std::string target = params.empty() ? path : httplib::append_query_params(path, params);
+  httplib::Result result = [&] {
+    if (method == "GET") return client->Get(target, headers);
+    if (method == "DELETE") return client->Delete(target, headers);
+    if (method == "POST") return client->Post(target, headers, body, "application/json");
+    return client->Put(target, headers, body, "application/json");
+  }();
+  if (!result) {
+    const httplib::Error e = result.error();
+    throw failure("cannot reach the daemon at " + o.listen + ": " +
+                  (e == httplib::Error::Connection ? std::string("cannot connect") : httplib::to_string(e)));
+  }
+  answer a;
+  a.status = result->status;
+  a.body = result->body;
+  const bool is_json = result->get_header_value("Content-Type").rfind("application/json", 0) == 0;
+  if (is_json) a.doc.Parse(a.body.c_str());
+  if (a.status >= 300) {
+    std::string message = a.body;
+    if (is_json && !a.doc.HasParseError() && a.doc.IsObject() && a.doc.HasMember("error") &&
+        a.doc["error"].IsString()) {
+      message = a.doc["error"].GetString();
+    }
+    throw failure(message + " (HTTP " + std::to_string(a.status) + ")");
+  }
+  if (is_json && a.doc.HasParseError()) throw failure("the daemon's answer is not valid JSON");
+  return a;
+}
+
+// Runs `body`, mapping failures to exit status 1.
+int guarded(const std::function<void()>& body) {
+  try {
+    body();
+    return 0;
+  } catch (const failure& e) {
+    std::cerr << "faitra: " << e.what() << "\n";
+    return 1;
+  } catch (const std::exception& e) {
+    std::cerr << "faitra: " << e.what() << "\n";
+    return 1;
+  }
+}
+
+std::string text_of(const rapidjson::Value& v) {
+  if (v.IsNull()) return "-";
+  if (v.IsString()) return v.GetString();
+  if (v.IsBool()) return v.GetBool() ? "yes" : "no";
+  if (v.IsUint64()) return std::to_string(v.GetUint64());
+  if (v.IsInt64()) return std::to_string(v.GetInt64());
+  if (v.IsDouble()) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%g", v.GetDouble());
+    return text;
+  }
+  return "?";
+}
+
+const rapidjson::Value& member(const rapidjson::Value& object, const char* name) {
+  static const rapidjson::Value null_value;
+  if (!object.IsObject()) return null_value;
+  const auto it = object.FindMember(name);
+  return it == object.MemberEnd() ? null_value : it->value;
+}
+
+std::string human_bytes(unsigned long bytes) {
+  const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB"};
+  double value = static_cast<double>(bytes);
+  size_t unit = 0;
+  while (value >= 1024.0 && unit + 1 < sizeof units / sizeof units[0]) {
+    value /= 1024.0;
+    ++unit;
+  }
+  char text[32];
+  std::snprintf(text, sizeof text, unit == 0 ? "%.0f %s" : "%.1f %s", value, units[unit]);
+  return text;
+}
+
+void print_table(const std::vector<std::string>& header, const std::vector<std::vector<std::string>>& rows) {
+  std::vector<size_t> width(header.size());
+  for (size_t c = 0; c < header.size(); ++c) width[c] = header[c].size();
+  for (const auto& row : rows) {
+    for (size_t c = 0; c < row.size(); ++c) width[c] = std::max(width[c], row[c].size());
+  }
+  auto print_row = [&](const std::vector<std::string>& row) {
+    std::string line;
+    for (size_t c = 0; c < row.size(); ++c) {
+      line += row[c];
+      if (c + 1 < row.size()) line += std::string(width[c] - row[c].size() + 2, ' ');
+    }
+    std::cout << line << "\n";
+  };
+  print_row(header);
+  for (const auto& row : rows) print_row(row);
+}
+
+void print_records(const rapidjson::Value& records) {
+  std::vector<std::vector<std::string>> rows;
+  if (records.IsArray()) {
+    for (const auto& r : records.GetArray()) {
+      rows.push_back({text_of(member(r, "path")), text_of(member(r, "file_size")), text_of(member(r, "start_ts")),
+                      text_of(member(r, "end_ts")), text_of(member(r, "creation_ts")), text_of(member(r, "key")),
+                      member(r, "pending_deletion").IsTrue() ? "pending" : ""});
+    }
+  }
+  print_table({"PATH", "SIZE", "START_TS", "END_TS", "CREATION_TS", "HASH", "DELETION"}, rows);
+}
+
+httplib::Params range_params(unsigned long start, unsigned long end) {
+  return {{"start", std::to_string(start)}, {"end", std::to_string(end)}};
+}
+
+void register_ls(CLI::App& app, int& exit_code) {
+  struct options : client_options {
+    std::optional<unsigned long> start, end, limit;
+  };
+  auto o = std::make_shared<options>();
+  auto* sub = app.add_subcommand("ls", "List the catalogued captures (all in path order, or those whose first "
+                                       "packet lies in [--start, --end], in time order)");
+  add_client_options(sub, *o);
+  auto* start = sub->add_option("--start", o->start, "Start of the range, nanoseconds (with --end)");
+  auto* end = sub->add_option("--end", o->end, "End of the range, nanoseconds, inclusive (with --start)");
+  start->needs(end);
+  end->needs(start);
+  sub->add_option("--limit", o->limit, "List at most this many captures");
+  sub->callback([o, &exit_code] {
+    exit_code = guarded([&] {
+      httplib::Params params;
+      if (o->start) params = range_params(*o->start, *o->end);
+      if (o->limit) params.emplace("limit", std::to_string(*o->limit));
+      const answer a = call(*o, "GET", "/v1/captures", params);
+      if (o->json) {
+        std::cout << a.body << "\n";
+        return;
+      }
+      print_records(member(a.doc, "captures"));
+    });
+  });
+}
+
+void register_rm(CLI::App& app, int& exit_code) {
+  struct options : client_options {
+    std::string path;
+    std::optional<unsigned long> start, end;
+    std::string by = "start";
+    bool all = false;
+  };
+  auto o = std::make_shared<options>();
+  auto* sub = app.add_subcommand(
+      "rm", "Mark captures for deletion: one catalogued PATH, every capture in [--start, --end], or --all. "
+            "The daemon's delete thread removes the files");
+  add_client_options(sub, *o);
+  auto* path = sub->add_option("PATH", o->path, "Exact catalogued path of one capture");
+  auto* start = sub->add_option("--start", o->start, "Start of the range, inclusive (nanoseconds with --by start, "
+                                                      "seconds with --by creation)");
+  auto* end = sub->add_option("--end", o->end, "End of the range, inclusive");
+  auto* by = sub->add_option("--by", o->by, "Timestamp the range applies to: start (first packet) or creation")
+                 ->check(CLI::IsMember({"start", "creation"}))
+                 ->capture_default_str();
+  auto* all = sub->add_flag("--all", o->all, "Mark every catalogued capture");
+  start->needs(end);
+  end->needs(start);
+  by->needs(start);
+  path->excludes(start)->excludes(end)->excludes(all);
+  all->excludes(start)->excludes(end);
+  sub->callback([o, path, start, all, &exit_code] {
+    exit_code = guarded([&] {
+      if (path->count() == 0 && start->count() == 0 && all->count() == 0) {
+        throw failure("give PATH, --start and --end, or --all");
+      }
+      httplib::Params params;
+      if (path->count() > 0) {
+        params.emplace("path", o->path);
+      } else if (o->all) {
+        params.emplace("all", "true");
+      } else {
+        params = range_params(*o->start, *o->end);
+        params.emplace("by", o->by);
+      }
+      const answer a = call(*o, "DELETE", "/v1/captures", params);
+      if (o->json) {
+        std::cout << a.body << "\n";
+        return;
+      }
+      const auto& marked = member(a.doc, "marked");
+      if (marked.IsBool()) {
+        std::cout << (marked.GetBool() ? "marked for deletion: " : "already marked for deletion: ") << o->path
+                  << "\n";
+      } else if (marked.IsUint64()) {
+        std::cout << "marked for deletion: " << marked.GetUint64() << " capture(s)\n";
+      } else {
+        std::cout << "marked for deletion: " << (marked.IsArray() ? marked.Size() : 0) << " capture(s)\n";
+        if (marked.IsArray() && marked.Size() > 0) print_records(marked);
+      }
+    });
+  });
+}
+
+void register_df(CLI::App& app, int& exit_code) {
+  auto o = std::make_shared<client_options>();
+  auto* sub = app.add_subcommand("df", "Show the capture file system's used and total bytes");
+  add_client_options(sub, *o);
+  sub->callback([o, &exit_code] {
+    exit_code = guarded([&] {
+      const answer a = call(*o, "GET", "/v1/storage");
+      if (o->json) {
+        std::cout << a.body << "\n";
+        return;
+      }
+      const auto& space = member(a.doc, "disk_space");
+      const unsigned long used = member(space, "used").IsUint64() ? member(space, "used").GetUint64() : 0;
+      const unsigned long total = member(space, "total").IsUint64() ? member(space, "total").GetUint64() : 0;
+      char percent[16];
+      std::snprintf(percent, sizeof percent, "%.1f%%",
+                    total == 0 ? 0.0 : 100.0 * static_cast<double>(used) / static_cast<double>(total));
+      print_table({"USED", "TOTAL", "USE%", "USED_BYTES", "TOTAL_BYTES"},
+                  {{human_bytes(used), human_bytes(total), percent, std::to_string(used), std::to_string(total)}});
+    });
+  });
+}
+
+void print_accepted(const client_options& o, const answer& a, const std::string& what) {
+  if (o.json) {
+    std::cout << a.body << "\n";
+  } else {
+    std::cout << "accepted: " << what << " (it runs in the daemon; see its log)\n";
+  }
+}
+
+void register_cleanup(CLI::App& app, int& exit_code) {
+  struct options : client_options {
+    unsigned long age = 0;
+    std::string mode;
+  };
+  auto o = std::make_shared<options>();
+  auto* sub = app.add_subcommand(
+      "cleanup", "Delete captures and/or their metadata created up to an absolute cut-off time");
+  add_client_options(sub, *o);
+  sub->add_option("--age", o->age,
+                  "Cut-off, in seconds on the capture clock (the creation timestamp's clock); every capture "
+                  "created at or before it is concerned")
+      ->required();
+  sub->add_option("--mode", o->mode, "What to delete: files, metadata or both")
+      ->required()
+      ->check(CLI::IsMember({"files", "metadata", "both"}));
+  sub->callback([o, &exit_code] {
+    exit_code = guarded([&] {
+      const std::string body =
+          "{\"mode\": \"" + o->mode + "\", \"cutoff\": " + std::to_string(o->age) + "}";
+      const answer a = call(*o, "POST", "/v1/cleanup/age", {}, body);
+      print_accepted(*o, a, "age cleanup of " + o->mode + " up to " + std::to_string(o->age) + " s");
+    });
+  });
+}
+
+void register_metadata_cleanup(CLI::App& app, int& exit_code) {
+  struct options : client_options {
+    std::optional<unsigned long> start, end;
+    std::string automatic;
+  };
+  auto o = std::make_shared<options>();
+  auto* sub = app.add_subcommand(
+      "metadata-cleanup",
+      "Delete the metadata of captures in a time range through the daemon's metadata cleanup command, or "
+      "switch the automatic cleanup's metadata step on or off");
+  add_client_options(sub, *o);
+  auto* start = sub->add_option("--start", o->start, "Start of the range, nanoseconds");
+  auto* end = sub->add_option("--end", o->end, "End of the range, nanoseconds, inclusive");
+  auto* automatic = sub->add_option("--automatic", o->automatic,
+                                    "on or off: whether the automatic cleanup also cleans metadata")
+                        ->check(CLI::IsMember({"on", "off"}));
+  start->needs(end);
+  end->needs(start);
+  automatic->excludes(start)->excludes(end);
+  sub->callback([o, start, automatic, &exit_code] {
+    exit_code = guarded([&] {
+      if (automatic->count() > 0) {
+        const answer a = call(*o, "PUT", "/v1/cleanup/metadata/automatic", {},
+                              std::string("{\"enabled\": ") + (o->automatic == "on" ? "true" : "false") + "}");
+        if (o->json) {
+          std::cout << a.body << "\n";
+        } else {
+          std::cout << "automatic metadata cleanup: " << o->automatic << "\n";
+        }
+        return;
+      }
+      if (start->count() == 0) throw failure("give --start and --end, or --automatic on|off");
+      const std::string body =
+          "{\"start\": " + std::to_string(*o->start) + ", \"end\": " + std::to_string(*o->end) + "}";
+      const answer a = call(*o, "POST", "/v1/cleanup/metadata", {}, body);
+      print_accepted(*o, a,
+                     "metadata cleanup of " + std::to_string(*o->start) + "-" + std::to_string(*o->end));
+    });
+  });
+}
+
+void register_status(CLI::App& app, int& exit_code) {
+  auto o = std::make_shared<client_options>();
+  auto* sub = app.add_subcommand("status", "Show the daemon's state: captures, usage, cleanup and reconcile");
+  add_client_options(sub, *o);
+  sub->callback([o, &exit_code] {
+    exit_code = guarded([&] {
+      const answer a = call(*o, "GET", "/v1/status");
+      if (o->json) {
+        std::cout << a.body << "\n";
+        return;
+      }
+      const auto& d = a.doc;
+      const auto& usage = member(d, "usage");
+      const auto& cleanup = member(d, "cleanup");
+      const auto& reconcile = member(d, "reconcile");
+      const unsigned long used = member(usage, "used").IsUint64() ? member(usage, "used").GetUint64() : 0;
+      const unsigned long total = member(usage, "total").IsUint64() ? member(usage, "total").GetUint64() : 0;
+      std::vector<std::vector<std::string>> rows = {
+          {"version", text_of(member(d, "version"))},
+          {"root", text_of(member(d, "root"))},
+          {"captures", text_of(member(d, "captures"))},
+          {"usage", human_bytes(used) + " of " + human_bytes(total) + " (fraction " +
+                        text_of(member(usage, "fraction")) + ")"},
+          {"trigger / stop", text_of(member(d, "trigger")) + " / " + text_of(member(d, "stop"))},
+          {"automatic cleanup", text_of(member(d, "automatic_cleanup"))},
+          {"automatic metadata cleanup", text_of(member(d, "automatic_metadata_cleanup"))},
+          {"cleanup in progress", text_of(member(d, "cleanup_in_progress"))},
+          {"cleanup runs", text_of(member(cleanup, "runs"))},
+          {"deleted on request", text_of(member(cleanup, "deleted_on_request"))},
+          {"deleted by cleanup", text_of(member(cleanup, "deleted_by_cleanup"))},
+          {"removed by others", text_of(member(cleanup, "removed_externally"))},
+          {"reconcile runs", text_of(member(reconcile, "runs"))},
+          {"drift repaired", "added " + text_of(member(reconcile, "added")) + ", removed " +
+                                 text_of(member(reconcile, "removed")) + ", updated " +
+                                 text_of(member(reconcile, "updated"))},
+      };
+      print_table({"FIELD", "VALUE"}, rows);
+      const auto& problems = member(d, "scan_problems");
+      if (problems.IsArray() && problems.Size() > 0) {
+        std::cout << "\nskipped at start:\n";
+        for (const auto& p : problems.GetArray()) {
+          std::cout << "  " << text_of(member(p, "name")) << ": " << text_of(member(p, "reason")) << "\n";
+        }
+      }
+    });
+  });
+}
+
+void register_reconcile(CLI::App& app, int& exit_code) {
+  auto o = std::make_shared<client_options>();
+  auto* sub = app.add_subcommand(
+      "reconcile", "Compare the catalogue with the directories now, repair what differs, and show the repairs");
+  add_client_options(sub, *o);
+  sub->callback([o, &exit_code] {
+    exit_code = guarded([&] {
+      const answer a = call(*o, "POST", "/v1/reconcile");
+      if (o->json) {
+        std::cout << a.body << "\n";
+        return;
+      }
+      std::cout << "added " << text_of(member(a.doc, "added")) << ", removed " << text_of(member(a.doc, "removed"))
+                << ", updated " << text_of(member(a.doc, "updated")) << ", deferred "
+                << text_of(member(a.doc, "deferred")) << "\n";
+    });
+  });
+}
+
+}  // namespace
+
+void register_client(CLI::App& app, int& exit_code) {
+  register_ls(app, exit_code);
+  register_rm(app, exit_code);
+  register_df(app, exit_code);
+  register_cleanup(app, exit_code);
+  register_metadata_cleanup(app, exit_code);
+  register_status(app, exit_code);
+  register_reconcile(app, exit_code);
+}
+
+}  // namespace faitra_cli

@@ -1,0 +1,208 @@
+#include "serve/api_request.hpp"
+
+#include <cdl/exception.hpp>
+#include <cdl/utils.hpp>
+
+#include <httplib.h>
+#include <rapidjson/document.h>
+#include <rapidjson/error/en.h>
+
+#include <limits>
+#include <set>
+
+namespace faitra_cli {
+
+namespace {
+
+constexpr unsigned long NS_PER_SECOND = 1000000000UL;
+
+// The parameters of the query string in `target`. httplib also files the
+// fields of a form-encoded body under Request::params; the API never takes
+// parameters from a body, so it reads the query string itself.
+httplib::Params query_params(const std::string& target) {
+  httplib::Params params;
+  const auto question = target.find('?');
+  if (question != std::string::npos) httplib::detail::parse_query_text(target.substr(question + 1), params);
+  return params;
+}
+
+// Refuses parameters other than `allowed`, and any parameter given twice.
+httplib::Params checked_params(const std::string& target, const std::set<std::string>& allowed) {
+  httplib::Params params = query_params(target);
+  for (const auto& [name, value] : params) {
+    if (allowed.count(name) == 0) throw api_error(400, "unknown parameter: " + name);
+    if (params.count(name) > 1) throw api_error(400, "parameter given more than once: " + name);
+  }
+  return params;
+}
+
+std::optional<std::string> param(const httplib::Params& params, const std::string& name) {
+  const auto it = params.find(name);
+  if (it == params.end()) return std::nullopt;
+  return it->second;
+}
+
+std::optional<unsigned long> unsigned_param(const httplib::Params& params, const std::string& name) {
+  const auto text = param(params, name);
+  if (!text) return std::nullopt;
+  return parse_unsigned(name, *text);
+}
+
+// start and end together, or neither.
+std::optional<time_range> range_params(const httplib::Params& params) {
+  const auto start = unsigned_param(params, "start");
+  const auto end = unsigned_param(params, "end");
+  if (!start && !end) return std::nullopt;
+  if (!start || !end) throw api_error(400, "start and end must be given together");
+  if (*start > *end) throw api_error(400, "start must not be after end");
+  return time_range{*start, *end};
+}
+
+// The body as a JSON object with exactly the members `required`.
+rapidjson::Document json_body(const std::string& body, const std::set<std::string>& required) {
+  rapidjson::Document doc;
+  doc.Parse(body.data(), body.size());
+  if (doc.HasParseError()) {
+    throw api_error(400, std::string("malformed JSON body: ") + rapidjson::GetParseError_En(doc.GetParseError()) +
+                             " at offset " + std::to_string(doc.GetErrorOffset()));
+  }
+  if (!doc.IsObject()) throw api_error(400, "the body must be a JSON object");
+  // By index: comparing RapidJSON's member iterators is ambiguous in C++20.
+  for (rapidjson::SizeType i = 0; i < doc.MemberCount(); ++i) {
+    const auto& key = (doc.MemberBegin() + i)->name;
+    const std::string name(key.GetString(), key.GetStringLength());
+    if (required.count(name) == 0) throw api_error(400, "unknown member in the body: " + name);
+  }
+  for (const std::string& name : required) {
+    if (!doc.HasMember(name.c_str())) throw api_error(400, "missing member in the body: " + name);
+  }
+  if (doc.MemberCount() != required.size()) throw api_error(400, "a member is given more than once");
+  return doc;
+}
+
+unsigned long body_unsigned(const rapidjson::Document& doc, const char* name) {
+  const auto& v = doc[name];
+  if (!v.IsUint64()) {
+    throw api_error(400, std::string(name) + " must be a non-negative integer that fits 64 bits");
+  }
+  return v.GetUint64();
+}
+
+}  // namespace
+
+unsigned long parse_unsigned(const std::string& name, const std::string& text) {
+  if (text.empty()) throw api_error(400, name + " is empty");
+  for (const char c : text) {
+    if (c == '-') throw api_error(400, name + " must not be negative: " + text);
+    if (c < '0' || c > '9') throw api_error(400, name + " is not a decimal integer: " + text);
+  }
+  try {
+    unsigned long consumed = 0;
+    const unsigned long value = cdl::from_str<unsigned long>(text, &consumed, 10);
+    if (consumed != text.size()) throw api_error(400, name + " is not a decimal integer: " + text);
+    return value;
+  } catch (const cdl::not_in_range_error&) {
+    throw api_error(400, name + " does not fit 64 bits: " + text);
+  } catch (const cdl::unrecognized_value_error&) {
+    throw api_error(400, name + " is not a decimal integer: " + text);
+  }
+}
+
+void check_body_size(const std::string& body) {
+  if (body.size() > MAX_BODY_BYTES) {
+    throw api_error(413, "the body is larger than " + std::to_string(MAX_BODY_BYTES) + " bytes");
+  }
+}
+
+list_request parse_list_request(const std::string& target) {
+  const httplib::Params params = checked_params(target, {"start", "end", "limit"});
+  list_request out;
+  out.range = range_params(params);
+  const auto limit = unsigned_param(params, "limit");
+  if (limit && *limit == 0) throw api_error(400, "limit must be at least 1");
+  out.limit = limit.value_or(std::numeric_limits<unsigned long>::max());
+  return out;
+}
+
+std::string parse_lookup_request(const std::string& target) {
+  const auto path = param(checked_params(target, {"path"}), "path");
+  if (!path || path->empty()) throw api_error(400, "path is required");
+  return *path;
+}
+
+delete_request parse_delete_request(const std::string& target) {
+  const httplib::Params params = checked_params(target, {"path", "start", "end", "by", "all"});
+  const auto path = param(params, "path");
+  const auto all = param(params, "all");
+  const auto by = param(params, "by");
+  const bool has_range = params.count("start") != 0 || params.count("end") != 0;
+  const int forms = (path ? 1 : 0) + (all ? 1 : 0) + (has_range ? 1 : 0);
+  if (forms != 1) throw api_error(400, "give exactly one of: path, start and end, all=true");
+  if (by && !has_range) throw api_error(400, "by applies only to a time range");
+  delete_request out;
+  if (path) {
+    if (path->empty()) throw api_error(400, "path is empty");
+    out.what = delete_request::form::path;
+    out.path = *path;
+  } else if (all) {
+    if (*all != "true") throw api_error(400, "all must be true");
+    out.what = delete_request::form::all;
+  } else {
+    out.what = delete_request::form::range;
+    out.range = *range_params(params);
+    if (by && *by == "creation") {
+      out.by_start = false;
+    } else if (by && *by != "start") {
+      throw api_error(400, "by must be start or creation");
+    }
+  }
+  return out;
+}
+
+age_cleanup_request parse_age_cleanup_request(const std::string& target, const std::string& body) {
+  checked_params(target, {});
+  const rapidjson::Document doc = json_body(body, {"mode", "cutoff"});
+  if (!doc["mode"].IsString()) throw api_error(400, "mode must be a string");
+  age_cleanup_request out;
+  out.mode_text = doc["mode"].GetString();
+  if (out.mode_text == "files") {
+    out.mode = csl::age_cleanup_state::files;
+  } else if (out.mode_text == "metadata") {
+    out.mode = csl::age_cleanup_state::metadata;
+  } else if (out.mode_text == "both") {
+    out.mode = csl::age_cleanup_state::both;
+  } else {
+    throw api_error(400, "mode must be files, metadata or both");
+  }
+  out.cutoff = body_unsigned(doc, "cutoff");
+  if (out.mode != csl::age_cleanup_state::files &&
+      out.cutoff > std::numeric_limits<unsigned long>::max() / NS_PER_SECOND) {
+    throw api_error(400, "cutoff is too large to be expressed in nanoseconds");
+  }
+  return out;
+}
+
+time_range parse_metadata_cleanup_request(const std::string& target, const std::string& body) {
+  checked_params(target, {});
+  const rapidjson::Document doc = json_body(body, {"start", "end"});
+  const unsigned long start = body_unsigned(doc, "start");
+  const unsigned long end = body_unsigned(doc, "end");
+  if (start > end) throw api_error(400, "start must not be after end");
+  return time_range{start, end};
+}
+
+bool parse_automatic_request(const std::string& target, const std::string& body) {
+  checked_params(target, {});
+  const rapidjson::Document doc = json_body(body, {"enabled"});
+  if (!doc["enabled"].IsBool()) throw api_error(400, "enabled must be true or false");
+  return doc["enabled"].GetBool();
+}
+
+void parse_reconcile_request(const std::string& target, const std::string& body) {
+  checked_params(target, {});
+  if (!body.empty()) json_body(body, {});
+}
+
+void parse_plain_request(const std::string& target) { checked_params(target, {}); }
+
+}  // namespace faitra_cli

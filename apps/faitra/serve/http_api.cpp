@@ -1,0 +1,402 @@
+#include "serve/http_api.hpp"
+
+#include <cdl/exception.hpp>
+#include <cdl/json_values.hpp>
+#include <cdl/json_writer.hpp>
+#include <cdl/text.hpp>
+
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <limits>
+#include <set>
+#include <vector>
+
+namespace faitra_cli {
+
+using namespace faitra_host;
+
+namespace {
+
+const char* const JSON_TYPE = "application/json";
+
+using handler = std::function<void(const httplib::Request&, httplib::Response&)>;
+
+// The paths the API serves, for telling "unknown path" from "wrong method".
+const std::set<std::string> KNOWN_PATHS = {
+    "/v1/captures",     "/v1/captures/lookup",         "/v1/storage", "/v1/cleanup/age",
+    "/v1/cleanup/metadata", "/v1/cleanup/metadata/automatic", "/v1/status", "/v1/reconcile",
+    "/metrics",
+};
+
+std::string error_json(const std::string& message) {
+  cdl::json_writer w;
+  w.begin_object();
+  w.key("error", true);
+  w.value<std::string>(message);
+  w.end_object();
+  return w.take();
+}
+
+void send_error(httplib::Response& res, int status, const std::string& message) {
+  res.status = status;
+  res.set_content(error_json(message), JSON_TYPE);
+}
+
+void send_json(httplib::Response& res, int status, cdl::json_writer& w) {
+  res.status = status;
+  res.set_content(w.take(), JSON_TYPE);
+}
+
+void write_record(cdl::json_writer& w, const csl::fs_entry& e) { e.to_json(w, {}, {}); }
+
+void write_fraction(cdl::json_writer& w, double value) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.6g", value);
+  w.raw_value(text);
+}
+
+void write_problems(cdl::json_writer& w, const std::vector<scan_problem>& problems) {
+  w.begin_array();
+  for (const scan_problem& p : problems) {
+    w.begin_object();
+    w.key("name", true);
+    w.value<std::string>(p.name);
+    w.key("reason", true);
+    w.value<std::string>(p.reason);
+    w.end_object();
+  }
+  w.end_array();
+}
+
+void write_reconcile_result(cdl::json_writer& w, const reconcile_result& r) {
+  w.begin_object();
+  w.key("added", true);
+  w.value<unsigned long>(r.added);
+  w.key("removed", true);
+  w.value<unsigned long>(r.removed);
+  w.key("updated", true);
+  w.value<unsigned long>(r.updated);
+  w.key("deferred", true);
+  w.value<unsigned long>(r.deferred);
+  w.key("finished_at", true);
+  w.value<long>(r.finished_at);
+  w.key("problems", true);
+  write_problems(w, r.problems);
+  w.end_object();
+}
+
+bool same_text(const std::string& a, const std::string& b) {
+  // Compares in time that does not depend on where the texts differ.
+  if (a.size() != b.size()) return false;
+  unsigned char diff = 0;
+  for (size_t i = 0; i < a.size(); ++i) diff |= static_cast<unsigned char>(a[i] ^ b[i]);
+  return diff == 0;
+}
+
+const char* reason_phrase(int status) {
+  switch (status) {
+    case 400: return "bad request";
+    case 401: return "unauthorized";
+    case 403: return "forbidden";
+    case 404: return "not found";
+    case 405: return "method not allowed";
+    case 408: return "request timeout";
+    case 411: return "length required";
+    case 413: return "payload too large";
+    case 414: return "URI too long";
+    case 416: return "range not satisfiable";
+    case 503: return "service unavailable";
+    default: return status >= 500 ? "internal error" : "request refused";
+  }
+}
+
+}  // namespace
+
+http_api::http_api(capture_daemon& daemon, std::optional<std::string> token)
+    : _daemon(daemon), _token(std::move(token)) {}
+
+void http_api::install(httplib::Server& server) {
+  capture_daemon& d = _daemon;
+  cdl::log* log = d.log();
+
+  server.new_task_queue = [] { return new httplib::ThreadPool(SERVER_THREADS); };
+  // httplib answers a body above its own limit without reading it, and the
+  // client may then see a reset connection instead of the answer. So its
+  // limit is higher, and the handlers check the API's own after reading.
+  server.set_payload_max_length(HTTPLIB_BODY_LIMIT);
+
+  // Runs before httplib reads a body. httplib applies its limit only to a
+  // body announced with Content-Length: a chunked body is collected in full,
+  // however large, and one announced above the limit is read to its end
+  // (and thrown away) before the answer. Neither may hold the daemon: the
+  // API's bodies are small JSON documents that every client sends with a
+  // length, so chunked bodies are refused, and a body above the limit is
+  // answered at once and its connection closed.
+  server.set_pre_routing_handler([](const httplib::Request& req, httplib::Response& res) {
+    if (req.has_header("Transfer-Encoding")) {
+      send_error(res, 411, "send the body with a Content-Length, not in chunks");
+    } else if (req.get_header_value<uint64_t>("Content-Length") > HTTPLIB_BODY_LIMIT) {
+      send_error(res, 413, "the body is larger than " + std::to_string(MAX_BODY_BYTES) + " bytes");
+    } else {
+      return httplib::Server::HandlerResponse::Unhandled;
+    }
+    res.set_header("Connection", "close");
+    return httplib::Server::HandlerResponse::Handled;
+  });
+
+  server.set_error_handler([](const httplib::Request& req, httplib::Response& res) {
+    if (!res.body.empty()) return;
+    if (res.status == 404 && KNOWN_PATHS.count(req.path) != 0) {
+      send_error(res, 405, "method " + req.method + " is not allowed on " + req.path);
+    } else if (res.status == 404) {
+      send_error(res, 404, "no such endpoint: " + req.path);
+    } else if (res.status == 413) {
+      send_error(res, 413, "the body is larger than " + std::to_string(MAX_BODY_BYTES) + " bytes");
+    } else {
+      send_error(res, res.status, reason_phrase(res.status));
+    }
+  });
+
+  server.set_exception_handler([log](const httplib::Request& req, httplib::Response& res, std::exception_ptr ep) {
+    std::string what = "unknown error";
+    try {
+      std::rethrow_exception(ep);
+    } catch (const std::exception& e) {
+      what = e.what();
+    } catch (...) {
+    }
+    if (log != nullptr) log->error("%s %s failed: %s", req.method, req.path, what);
+    send_error(res, 500, what);
+  });
+
+  if (log != nullptr) {
+    server.set_logger([log](const httplib::Request& req, const httplib::Response& res) {
+      log->debug("%s %s -> %d", req.method, req.path, res.status);
+    });
+  }
+
+  // Checks the token and the body size, then runs the handler; maps
+  // api_error to its status, anything else reaches the exception handler
+  // above as a 500. The token is checked here rather than before routing so
+  // that the request's body has been read when the 401 goes out.
+  const std::optional<std::string> expected =
+      _token ? std::optional<std::string>("Bearer " + *_token) : std::nullopt;
+  auto guarded = [expected](handler h) {
+    return [h = std::move(h), expected](const httplib::Request& req, httplib::Response& res) {
+      try {
+        if (expected && !same_text(req.get_header_value("Authorization"), *expected)) {
+          res.set_header("WWW-Authenticate", "Bearer realm=\"faitra\"");
+          throw api_error(401, "missing or wrong bearer token");
+        }
+        check_body_size(req.body);
+        h(req, res);
+      } catch (const api_error& e) {
+        send_error(res, e.status(), e.what());
+      }
+    };
+  };
+
+  server.Get("/v1/captures", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+    const list_request query = parse_list_request(req.target);
+    const auto& range = query.range;
+    const unsigned long limit = query.limit;
+    std::vector<csl::fs_entry> records;
+    if (range) {
+      d.cache().by_time(records, range->start, range->end);
+      if (records.size() > limit) records.resize(limit);
+    } else {
+      csl::fs_cache::shared_guard lock(d.cache());
+      for (const auto& [path, record] : d.cache().path_cache()) {
+        if (records.size() >= limit) break;
+        records.push_back(*record);
+      }
+    }
+    cdl::json_writer w;
+    w.begin_object();
+    w.key("captures", true);
+    w.begin_array();
+    for (const csl::fs_entry& e : records) write_record(w, e);
+    w.end_array();
+    w.end_object();
+    send_json(res, 200, w);
+  }));
+
+  server.Get("/v1/captures/lookup", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+    const std::string path = parse_lookup_request(req.target);
+    csl::fs_entry record;
+    if (!d.cache().by_path(record, path)) throw api_error(404, "no capture is catalogued at " + path);
+    cdl::json_writer w;
+    write_record(w, record);
+    send_json(res, 200, w);
+  }));
+
+  server.Delete("/v1/captures", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+    const delete_request del = parse_delete_request(req.target);
+    cdl::json_writer w;
+    w.begin_object();
+    w.key("marked", true);
+    if (del.what == delete_request::form::path) {
+      // Only an exact catalogued path is ever marked; anything else (a
+      // relative path, "..", a link to elsewhere) is simply not found.
+      if (!d.cache().path_exists(del.path)) throw api_error(404, "no capture is catalogued at " + del.path);
+      w.value<bool>(d.storage().delete_by_path(del.path, csl::fs_entry::deletion_by::requested));
+    } else if (del.what == delete_request::form::all) {
+      w.value<unsigned long>(d.storage().clear(csl::fs_entry::deletion_by::requested));
+    } else {
+      std::vector<csl::fs_entry> marked;
+      d.storage().delete_by_time(marked, del.range.start, del.range.end, del.by_start,
+                                 csl::fs_entry::deletion_by::requested);
+      w.begin_array();
+      for (const csl::fs_entry& e : marked) write_record(w, e);
+      w.end_array();
+    }
+    w.end_object();
+    send_json(res, 200, w);
+  }));
+
+  server.Get("/v1/storage", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+    parse_plain_request(req.target);
+    cdl::json_writer w;
+    d.storage().state().to_json(w, {}, {});
+    send_json(res, 200, w);
+  }));
+
+  server.Post("/v1/cleanup/age", guarded([&d, log](const httplib::Request& req, httplib::Response& res) {
+    const age_cleanup_request age = parse_age_cleanup_request(req.target, req.body);
+    const auto mode = age.mode;
+    const unsigned long cutoff = age.cutoff;
+    const bool accepted = d.jobs().submit("Age cleanup", [&d, mode, cutoff] { d.cleaner().start_age_cleanup(mode, cutoff); });
+    if (!accepted) throw api_error(503, "too many cleanups are waiting; try again later");
+    if (log != nullptr) log->info("Accepted an age cleanup of %s up to %lu s", age.mode_text, cutoff);
+    cdl::json_writer w;
+    w.begin_object();
+    w.key("accepted", true);
+    w.value<bool>(true);
+    w.end_object();
+    send_json(res, 202, w);
+  }));
+
+  server.Post("/v1/cleanup/metadata", guarded([&d, log](const httplib::Request& req, httplib::Response& res) {
+    const time_range range = parse_metadata_cleanup_request(req.target, req.body);
+    const unsigned long start = range.start;
+    const unsigned long end = range.end;
+    const bool accepted = d.jobs().submit("Metadata cleanup", [&d, start, end] {
+      d.cleaner().start_metadata_cleanup(cdl::nullable<unsigned long>(start), cdl::nullable<unsigned long>(end), false);
+    });
+    if (!accepted) throw api_error(503, "too many cleanups are waiting; try again later");
+    if (log != nullptr) log->info("Accepted a metadata cleanup of %lu-%lu", start, end);
+    cdl::json_writer w;
+    w.begin_object();
+    w.key("accepted", true);
+    w.value<bool>(true);
+    w.end_object();
+    send_json(res, 202, w);
+  }));
+
+  server.Put("/v1/cleanup/metadata/automatic", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+    const bool enabled = parse_automatic_request(req.target, req.body);
+    d.cleaner().switch_metadata_cleanup(enabled);
+    cdl::json_writer w;
+    w.begin_object();
+    w.key("enabled", true);
+    w.value<bool>(enabled);
+    w.end_object();
+    send_json(res, 200, w);
+  }));
+
+  server.Post("/v1/reconcile", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+    parse_reconcile_request(req.target, req.body);
+    const auto result = d.reconcile().request(std::chrono::seconds(60));
+    if (!result) throw api_error(503, "the reconcile did not complete (the daemon may be stopping)");
+    cdl::json_writer w;
+    write_reconcile_result(w, *result);
+    send_json(res, 200, w);
+  }));
+
+  server.Get("/v1/status", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+    parse_plain_request(req.target);
+    const metrics_sample m = d.sample_metrics();
+    const daemon_options& o = d.options();
+    cdl::json_writer w;
+    w.begin_object();
+    w.key("version", true);
+    w.value<std::string>(faitra_version());
+    w.key("root", true);
+    w.value<std::string>(o.root);
+    w.key("watch", true);
+    w.begin_array();
+    for (const std::string& dir : o.watch) w.value<std::string>(dir);
+    w.end_array();
+    w.key("captures", true);
+    w.value<unsigned long>(m.captures);
+    w.key("usage", true);
+    w.begin_object();
+    w.key("used", true);
+    w.value<unsigned long>(m.disk_used);
+    w.key("total", true);
+    w.value<unsigned long>(m.disk_total);
+    w.key("fraction", true);
+    write_fraction(w, m.disk_total == 0 ? 0.0 : static_cast<double>(m.disk_used) / static_cast<double>(m.disk_total));
+    w.end_object();
+    w.key("trigger", true);
+    write_fraction(w, d.cleaner().trigger());
+    w.key("stop", true);
+    write_fraction(w, d.cleaner().stop());
+    w.key("automatic_cleanup", true);
+    w.value<bool>(o.auto_cleanup);
+    w.key("automatic_metadata_cleanup", true);
+    w.value<bool>(d.cleaner().metadata_cleanup_enabled());
+    w.key("cleanup_in_progress", true);
+    w.value<bool>(m.cleanup_in_progress);
+    w.key("cleanup", true);
+    w.begin_object();
+    w.key("runs", true);
+    w.value<unsigned long>(m.cleanup_runs);
+    w.key("deleted_on_request", true);
+    w.value<unsigned long>(m.deleted_requested);
+    w.key("deleted_by_cleanup", true);
+    w.value<unsigned long>(m.deleted_cleanup);
+    w.key("removed_externally", true);
+    w.value<unsigned long>(m.removed_externally);
+    w.key("delete_queue", true);
+    w.value<unsigned long>(m.delete_queue);
+    w.key("metadata_cleanup_failures", true);
+    w.value<unsigned long>(m.metadata_cleanup_failures);
+    w.end_object();
+    w.key("scan_problems", true);
+    write_problems(w, d.scan_problems());
+    w.key("reconcile", true);
+    w.begin_object();
+    w.key("interval_seconds", true);
+    w.value<long>(static_cast<long>(o.reconcile_interval.count()));
+    w.key("runs", true);
+    w.value<unsigned long>(m.reconcile_runs);
+    w.key("added", true);
+    w.value<unsigned long>(m.drift_added);
+    w.key("removed", true);
+    w.value<unsigned long>(m.drift_removed);
+    w.key("updated", true);
+    w.value<unsigned long>(m.drift_updated);
+    w.key("last", true);
+    const auto last = d.reconcile().last();
+    if (last) {
+      write_reconcile_result(w, *last);
+    } else {
+      w.null_value();
+    }
+    w.end_object();
+    w.key("handler_failures", true);
+    w.value<unsigned long>(m.handler_failures);
+    w.end_object();
+    send_json(res, 200, w);
+  }));
+
+  server.Get("/metrics", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+    parse_plain_request(req.target);
+    res.status = 200;
+    res.set_content(render_metrics(d.sample_metrics()), "text/plain; version=0.0.4");
+  }));
+}
+
+}  // namespace faitra_cli

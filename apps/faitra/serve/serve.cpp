@@ -1,0 +1,252 @@
+// faitra serve: the daemon.
+#include "commands.hpp"
+#include <faitra/host/daemon.hpp>
+#include "serve/http_api.hpp"
+#include <faitra/host/daemon_address.hpp>
+
+#include <httplib.h>
+
+#include <malloc.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <optional>
+#include <sstream>
+#include <thread>
+
+namespace faitra_cli {
+
+using namespace faitra_host;
+
+namespace {
+
+// Blocks of at least this size are mapped and unmapped on their own.
+constexpr size_t MMAP_THRESHOLD_BYTES = 1024 * 1024;
+
+struct serve_options {
+  std::string root;
+  std::vector<std::string> watch;
+  float trigger = 0.9F;
+  float stop = 0.8F;
+  bool no_auto_cleanup = false;
+  std::vector<std::string> suffixes;
+  std::string metadata_cleanup_cmd;
+  std::string reset_disk_cache_cmd;
+  std::string listen = DEFAULT_LISTEN;
+  std::string token_file;
+  bool log_stdout = false;
+  cdl::log_priority::value log_level = cdl::log_priority::info;
+  bool verbose = false;
+  unsigned long reconcile_interval = 60;
+};
+
+const std::map<std::string, cdl::log_priority::value> LOG_LEVELS = {
+    {"emerg", cdl::log_priority::emerg}, {"alert", cdl::log_priority::alert},
+    {"crit", cdl::log_priority::crit},   {"error", cdl::log_priority::error},
+    {"warning", cdl::log_priority::warning}, {"notice", cdl::log_priority::notice},
+    {"info", cdl::log_priority::info},   {"debug", cdl::log_priority::debug},
+};
+
+// Removes a socket file left behind by an earlier run; refuses to touch
+// anything that is not a socket.
+bool clear_stale_socket(const std::string& path, std::string& error) {
+  struct stat status {};
+  if (::lstat(path.c_str(), &status) != 0) return true;
+  if (!S_ISSOCK(status.st_mode)) {
+    error = path + " exists and is not a socket";
+    return false;
+  }
+  ::unlink(path.c_str());
+  return true;
+}
+
+int run_serve(const serve_options& cli, bool log_level_given) {
+  listen_address address;
+  std::string error;
+  if (!parse_listen_address(cli.listen, address, error)) {
+    std::cerr << "faitra serve: --listen: " << error << "\n";
+    return 1;
+  }
+  std::optional<std::string> token;
+  if (!cli.token_file.empty()) {
+    token = read_token_file(cli.token_file, error);
+    if (!token) {
+      std::cerr << "faitra serve: --token-file: " << error << "\n";
+      return 1;
+    }
+  }
+
+  daemon_options options;
+  options.root = cli.root;
+  options.watch.insert(cli.watch.begin(), cli.watch.end());
+  options.trigger = cli.trigger;
+  options.stop = cli.stop;
+  options.auto_cleanup = !cli.no_auto_cleanup;
+  if (!cli.suffixes.empty()) options.suffixes = cli.suffixes;
+  options.metadata_cleanup_cmd = cli.metadata_cleanup_cmd;
+  options.reset_disk_cache_cmd = cli.reset_disk_cache_cmd;
+  options.log_stdout = cli.log_stdout;
+  options.log_level = cli.verbose && !log_level_given ? cdl::log_priority::debug : cli.log_level;
+  options.verbose = cli.verbose;
+  options.reconcile_interval = std::chrono::seconds(cli.reconcile_interval);
+
+  // Each directory scan (at start and at every reconcile) takes a 16 MB
+  // buffer. glibc serves the first from mmap, but on its release raises its
+  // mmap threshold above that size, so later buffers come from the heap and
+  // stay resident once freed, fragmented by what the scan allocates after
+  // them: the daemon grew by 16 MB at a time. A fixed threshold keeps
+  // large blocks in mmap, returned to the system when freed.
+  ::mallopt(M_MMAP_THRESHOLD, static_cast<int>(MMAP_THRESHOLD_BYTES));
+
+  // Every thread started from here on inherits this mask, so the two stop
+  // signals reach only the sigtimedwait below.
+  sigset_t stop_signals;
+  sigemptyset(&stop_signals);
+  sigaddset(&stop_signals, SIGTERM);
+  sigaddset(&stop_signals, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+  ::signal(SIGPIPE, SIG_IGN);
+  if (!cli.log_stdout) ::openlog("faitra", LOG_PID, LOG_LOCAL0);
+
+  std::unique_ptr<capture_daemon> daemon;
+  try {
+    daemon = std::make_unique<capture_daemon>(options);
+  } catch (const std::exception& e) {
+    std::cerr << "faitra serve: " << e.what() << "\n";
+    return 1;
+  }
+  cdl::log* log = daemon->log();
+
+  httplib::Server server;
+  http_api api(*daemon, token);
+  api.install(server);
+  server.set_keep_alive_timeout(2);
+  // httplib writes a response's headers and body separately; with Nagle's
+  // algorithm the body then waits for the client's delayed acknowledgement
+  // (40 ms on Linux) on every request of a kept-alive TCP connection.
+  server.set_tcp_nodelay(true);
+  bool bound = false;
+  std::string shown = cli.listen;
+  if (address.unix_socket) {
+    if (clear_stale_socket(address.host, error)) {
+      server.set_address_family(AF_UNIX);
+      bound = server.bind_to_port(address.host, 80);
+    }
+  } else if (address.port == 0) {
+    const int port = server.bind_to_any_port(address.host);
+    bound = port > 0;
+    shown = address.host_for_display() + ":" + std::to_string(port);
+  } else {
+    bound = server.bind_to_port(address.host, address.port);
+  }
+  if (!bound) {
+    log->critical("Cannot listen on %s%s%s", cli.listen, error.empty() ? "" : ": ", error);
+    std::cerr << "faitra serve: cannot listen on " << cli.listen << (error.empty() ? "" : ": ") << error << "\n";
+    daemon->shutdown();
+    return 1;
+  }
+  log->info("Listening on %s%s", shown, token ? " (bearer token required)" : "");
+
+  std::atomic<bool> listener_ended{false};
+  std::thread listener([&] {
+    server.listen_after_bind();
+    listener_ended = true;
+  });
+
+  int exit_code = 0;
+  const timespec poll_interval{0, 200 * 1000 * 1000};
+  for (;;) {
+    const int signal_number = ::sigtimedwait(&stop_signals, nullptr, &poll_interval);
+    if (signal_number == SIGTERM || signal_number == SIGINT) {
+      log->info("Received %s; stopping", signal_number == SIGTERM ? "SIGTERM" : "SIGINT");
+      break;
+    }
+    if (listener_ended.load()) {
+      log->critical("The HTTP server stopped unexpectedly; stopping");
+      exit_code = 1;
+      break;
+    }
+  }
+
+  server.stop();
+  listener.join();
+  if (address.unix_socket) ::unlink(address.host.c_str());
+  daemon->shutdown();
+  daemon.reset();
+  return exit_code;
+}
+
+}  // namespace
+
+void register_serve(CLI::App& app, int& exit_code) {
+  auto cli = std::make_shared<serve_options>();
+  auto* sub = app.add_subcommand(
+      "serve",
+      "Run the daemon: catalogue the capture files under --root (scanned at start, then followed live "
+      "through inotify and checked by a periodic reconcile), delete the oldest captures when the file "
+      "system fills, and serve the HTTP JSON API that the client subcommands (ls, rm, df, cleanup, "
+      "metadata-cleanup, status, reconcile) use. Stops cleanly on SIGTERM or SIGINT (exit status 0).");
+  sub->add_option("--root", cli->root, "Root directory of the captures (required)")
+      ->required()
+      ->check(CLI::ExistingDirectory);
+  sub->add_option("--watch", cli->watch,
+                  "Directory to catalogue and watch, inside the root; repeat for several (default: the root). "
+                  "Subdirectories are not followed")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+      ->check(CLI::ExistingDirectory);
+  sub->add_option("--trigger", cli->trigger,
+                  "Fraction of the file system in use (0 to 1) at which the automatic cleanup starts")
+      ->capture_default_str()
+      ->check(CLI::Range(0.0F, 1.0F));
+  sub->add_option("--stop", cli->stop,
+                  "Fraction in use below which the automatic cleanup stops deleting; 0 < stop <= trigger <= 1")
+      ->capture_default_str()
+      ->check(CLI::Range(0.0F, 1.0F));
+  sub->add_flag("--no-auto-cleanup", cli->no_auto_cleanup,
+                "Never delete captures by disk usage (age and metadata cleanups on request still work)");
+  sub->add_option("--suffix", cli->suffixes,
+                  "File name ending of a capture; repeat for several (default: .pcap and .pcapng)")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  sub->add_option("--metadata-cleanup-cmd", cli->metadata_cleanup_cmd,
+                  "Command that deletes the metadata kept elsewhere about a time range. It is split on spaces "
+                  "(no shell, no quoting) and run with the range's start and end in nanoseconds appended as two "
+                  "more arguments. Exit status 0 is success; otherwise its standard error is the error text. "
+                  "Without it, there is no metadata to clean");
+  sub->add_option("--reset-disk-cache-cmd", cli->reset_disk_cache_cmd,
+                  "Command (split on spaces, no shell, no arguments added) run before the cleanup reads the disk "
+                  "figures; exit status 0 is success. Without it, nothing is refreshed");
+  sub->add_option("--listen", cli->listen,
+                  "Where the API listens: HOST:PORT ([v6-address]:PORT for IPv6; port 0 picks a free one and "
+                  "logs it) or unix:PATH for a Unix socket")
+      ->capture_default_str();
+  sub->add_option("--token-file", cli->token_file,
+                  "File holding a token; every request must then send 'Authorization: Bearer <token>'")
+      ->check(CLI::ExistingFile);
+  sub->add_flag("--log-stdout", cli->log_stdout, "Log to standard output instead of syslog");
+  auto* level = sub->add_option("--log-level", cli->log_level,
+                                "Most verbose priority logged: emerg, alert, crit, error, warning, notice, info "
+                                "or debug (default: info)")
+                    ->type_name("LEVEL")
+                    ->transform(CLI::CheckedTransformer(LOG_LEVELS, CLI::ignore_case).description(""));
+  sub->add_flag("--verbose", cli->verbose,
+                "Log each cleanup decision with its figures; implies --log-level debug unless one is given");
+  sub->add_option("--reconcile-interval", cli->reconcile_interval,
+                  "Seconds between two reconciles of the catalogue with the directories; 0 runs them only at "
+                  "start and on request")
+      ->capture_default_str();
+  sub->callback([cli, level, &exit_code] { exit_code = run_serve(*cli, level->count() > 0); });
+}
+
+}  // namespace faitra_cli

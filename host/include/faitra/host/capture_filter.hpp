@@ -1,0 +1,61 @@
+// The capture filter of the faitra command: which directory entries are
+// captures, plus the host-side defences of the start-up scan.
+//
+// A name is a capture when it ends with one of the suffixes. The filter is
+// called with bare names during scans and with full paths by the monitor;
+// testing only the ending makes it accept both forms of the same file.
+//
+// Defences (state shared by every copy of the filter):
+//  - names excluded after their attributes could not be parsed are refused;
+//  - when the scan offers the same name again at once, the previous stat of
+//    it failed; once the file is gone from every watched directory (or after
+//    MAX_STAT_RETRIES offers) the name is refused, which ends the scan's
+//    retry of that entry.
+// Every refusal of either kind is recorded as a scan problem.
+//
+// Thread-safety: all copies share one mutex-protected state.
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace faitra_host {
+
+struct scan_problem {
+  std::string name;    // bare file name
+  std::string reason;  // readable cause
+};
+
+class capture_filter {
+ public:
+  static constexpr unsigned MAX_STAT_RETRIES = 100;
+
+  capture_filter(std::vector<std::string> suffixes, std::set<std::string> watched_dirs);
+
+  bool operator()(const std::string& name_or_path) const;
+
+  // The name the scan last accepted: the file being loaded when a scan
+  // raised.
+  std::string last_accepted() const;
+  void exclude(const std::string& name, const std::string& reason);
+  std::vector<scan_problem> problems() const;
+
+  bool has_capture_suffix(const std::string& name_or_path) const;
+
+ private:
+  struct state {
+    std::mutex mutex;
+    std::vector<std::string> suffixes;
+    std::set<std::string> watched_dirs;
+    std::set<std::string> excluded;
+    std::string last_accepted;
+    unsigned repeats = 0;
+    std::vector<scan_problem> problems;
+  };
+  std::shared_ptr<state> _state;
+};
+
+}  // namespace faitra_host

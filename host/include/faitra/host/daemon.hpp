@@ -1,0 +1,152 @@
+// The faitra daemon: the library's components wired the way the library
+// requires, plus what the host adds (commands, counters, reconcile,
+// background jobs).
+//
+// Construction order: the tracker's worker and listener groups; the
+// catalogue and the tracker, monitoring on (build_catalogue, which survives
+// captures with malformed attributes); the storage; the cleaner; the
+// reconcile; the runtime's start callbacks (the storage's delete thread);
+// the job and reconcile threads.
+//
+// shutdown() (also run by the destructor) goes the other way, in the order
+// the library requires: background jobs (running commands are killed) and
+// the reconcile thread; the runtime's stop callbacks (the delete thread is
+// joined); the tracker's monitoring; the tracker's listener group and
+// worker group (no handler can run after that); then the cleaner (which
+// waits for a running cleanup, possibly inside its 15-second pause), the
+// storage, the tracker and the catalogue. The HTTP server must be stopped
+// before.
+//
+// Thread-safety: the accessors and the operations below may be called from
+// the HTTP server's threads until shutdown() begins.
+#pragma once
+
+#include <faitra/host/capture_filter.hpp>
+#include <faitra/host/daemon_command.hpp>
+#include <faitra/host/metrics.hpp>
+#include <faitra/host/reconcile.hpp>
+
+#include <csl/fs_cache.hpp>
+#include <csl/fs_cleaner.hpp>
+#include <csl/fs_storage.hpp>
+#include <csl/fs_tracker.hpp>
+
+#include <cdl/log.hpp>
+#include <cdl/nullable.hpp>
+#include <cdl/task_system.hpp>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace faitra_host {
+
+struct daemon_options {
+  std::string root;
+  std::set<std::string> watch;  // empty: the root
+  float trigger = 0.9F;
+  float stop = 0.8F;
+  bool auto_cleanup = true;
+  std::vector<std::string> suffixes{".pcap", ".pcapng"};
+  std::string metadata_cleanup_cmd;  // empty: nothing to clean, success
+  std::string reset_disk_cache_cmd;  // empty: nothing to refresh, success
+  bool log_stdout = false;
+  cdl::log_priority::value log_level = cdl::log_priority::info;
+  bool verbose = false;
+  std::chrono::seconds reconcile_interval{60};
+};
+
+// One thread that runs accepted jobs (age and metadata cleanups) in order.
+class job_runner {
+ public:
+  static constexpr size_t MAX_QUEUED = 16;
+
+  explicit job_runner(cdl::log* log);
+  ~job_runner();
+  job_runner(const job_runner&) = delete;
+  job_runner& operator=(const job_runner&) = delete;
+
+  // Queues `job`; false when the queue is full or the runner is stopping.
+  bool submit(std::string name, std::function<void()> job);
+  // Drops queued jobs, waits for the running one and ends the thread.
+  void stop();
+
+ private:
+  void thread_body();
+
+  cdl::log* _log;
+  std::mutex _mutex;
+  std::condition_variable _cv;
+  std::deque<std::pair<std::string, std::function<void()>>> _queue;
+  bool _stopping = false;
+  std::thread _thread;
+};
+
+class capture_daemon {
+ public:
+  // Builds and starts everything; raises (with a readable message) when the
+  // directories cannot be scanned or the options are unusable.
+  explicit capture_daemon(daemon_options options);
+  ~capture_daemon();
+  capture_daemon(const capture_daemon&) = delete;
+  capture_daemon& operator=(const capture_daemon&) = delete;
+
+  void shutdown();
+
+  const daemon_options& options() const { return _options; }
+  cdl::log* log() { return _log.get(); }
+  csl::fs_cache& cache() { return *_cache; }
+  csl::fs_storage& storage() { return *_storage; }
+  csl::fs_cleaner& cleaner() { return *_cleaner; }
+  reconciler& reconcile() { return *_reconciler; }
+  job_runner& jobs() { return *_jobs; }
+  const daemon_counters& counters() const { return _counters; }
+  std::vector<scan_problem> scan_problems() const { return _filter.problems(); }
+  metrics_sample sample_metrics();
+
+ private:
+  cdl::nullable<std::string> clean_metadata(unsigned long start, unsigned long end);
+  bool reset_disk_cache();
+  void count_deletion(cdl::task_ptr<csl::fs_entry_deleted>& task);
+  void destroy_cleaner();
+
+  daemon_options _options;
+  std::unique_ptr<cdl::log> _log;
+  std::unique_ptr<cdl::log> _tracker_log;
+  std::unique_ptr<cdl::log> _storage_log;
+  std::unique_ptr<cdl::log> _cleaner_log;
+  std::unique_ptr<cdl::core> _core;
+  cdl::runtime _runtime;
+  daemon_counters _counters;
+  capture_filter _filter;
+  std::unique_ptr<command_runner> _metadata_command;       // for the automatic cleanup
+  std::unique_ptr<command_runner> _metadata_command_jobs;  // for on-demand cleanups
+  std::unique_ptr<command_runner> _reset_command;
+
+  std::unique_ptr<cdl::worker_group> _tracker_workers;
+  std::unique_ptr<cdl::task_listener_group> _tracker_listeners;
+  std::shared_ptr<csl::fs_cache> _cache;
+  std::shared_ptr<csl::fs_tracker> _tracker;
+  std::shared_ptr<csl::fs_storage> _storage;
+  std::unique_ptr<csl::fs_cleaner> _cleaner;
+  std::atomic<csl::fs_cleaner*> _cleaner_seen{nullptr};  // for the reset callback
+  std::atomic<long> _last_reset_request{std::numeric_limits<long>::min() / 2};  // steady seconds
+  std::unique_ptr<reconciler> _reconciler;
+  std::unique_ptr<job_runner> _jobs;
+  bool _shut_down = false;
+};
+
+// The version of the faitra command.
+const char* faitra_version();
+
+}  // namespace faitra_host

@@ -1,0 +1,79 @@
+#include <faitra/host/capture_filter.hpp>
+
+#include <sys/stat.h>
+
+namespace faitra_host {
+
+namespace {
+
+std::string base_name(const std::string& name_or_path) {
+  const auto slash = name_or_path.rfind('/');
+  return slash == std::string::npos ? name_or_path : name_or_path.substr(slash + 1);
+}
+
+bool exists_in_any(const std::set<std::string>& dirs, const std::string& name) {
+  struct stat status {};
+  for (const std::string& dir : dirs) {
+    if (::lstat((dir + "/" + name).c_str(), &status) == 0) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+capture_filter::capture_filter(std::vector<std::string> suffixes, std::set<std::string> watched_dirs)
+    : _state(std::make_shared<state>()) {
+  _state->suffixes = std::move(suffixes);
+  _state->watched_dirs = std::move(watched_dirs);
+}
+
+bool capture_filter::has_capture_suffix(const std::string& name_or_path) const {
+  for (const std::string& suffix : _state->suffixes) {
+    if (name_or_path.size() > suffix.size() &&
+        name_or_path.compare(name_or_path.size() - suffix.size(), suffix.size(), suffix) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+bool capture_filter::operator()(const std::string& name_or_path) const {
+  if (!has_capture_suffix(name_or_path)) return false;
+  const std::string name = base_name(name_or_path);
+  std::lock_guard<std::mutex> lock(_state->mutex);
+  if (_state->excluded.count(name) != 0) return false;
+  if (name == name_or_path && name == _state->last_accepted) {
+    // Offered again at once: its stat failed.
+    ++_state->repeats;
+    if (!exists_in_any(_state->watched_dirs, name) || _state->repeats >= MAX_STAT_RETRIES) {
+      _state->problems.push_back({name, "vanished or unreadable during the scan"});
+      _state->last_accepted.clear();
+      _state->repeats = 0;
+      return false;
+    }
+    return true;
+  }
+  if (name == name_or_path) {
+    _state->last_accepted = name;
+    _state->repeats = 0;
+  }
+  return true;
+}
+
+std::string capture_filter::last_accepted() const {
+  std::lock_guard<std::mutex> lock(_state->mutex);
+  return _state->last_accepted;
+}
+
+void capture_filter::exclude(const std::string& name, const std::string& reason) {
+  std::lock_guard<std::mutex> lock(_state->mutex);
+  _state->excluded.insert(name);
+  _state->problems.push_back({name, reason});
+}
+
+std::vector<scan_problem> capture_filter::problems() const {
+  std::lock_guard<std::mutex> lock(_state->mutex);
+  return _state->problems;
+}
+
+}  // namespace faitra_host

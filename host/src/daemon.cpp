@@ -1,0 +1,272 @@
+#include <faitra/host/daemon.hpp>
+
+#include <faitra/host/catalogue.hpp>
+
+#include <csl/fs_events.hpp>
+
+#include <cdl/exception.hpp>
+
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <limits>
+#include <stdexcept>
+
+#ifndef FAITRA_VERSION
+#define FAITRA_VERSION "unknown"
+#endif
+
+namespace faitra_host {
+
+namespace {
+
+// Set on the job thread, so that the metadata callback knows that it runs
+// for an on-demand cleanup.
+thread_local bool on_job_thread = false;
+
+long steady_seconds() {
+  return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+// Absolute, without "." and "..", without a trailing slash; symbolic links
+// are kept as they are (the catalogue names files by these paths).
+std::string normal_dir(const std::string& dir) {
+  std::string out = std::filesystem::absolute(dir).lexically_normal().string();
+  while (out.size() > 1 && out.back() == '/') out.pop_back();
+  return out;
+}
+
+daemon_options normalise(daemon_options o) {
+  if (o.root.empty()) throw std::invalid_argument("--root is required");
+  o.root = normal_dir(o.root);
+  std::set<std::string> watch;
+  for (const std::string& w : o.watch) watch.insert(normal_dir(w));
+  if (watch.empty()) watch.insert(o.root);
+  for (const std::string& w : watch) {
+    if (w != o.root && w.compare(0, o.root.size() + 1, o.root + "/") != 0 && o.root != "/") {
+      throw std::invalid_argument("watched directory " + w + " is not inside the root " + o.root);
+    }
+    struct stat status {};
+    if (::stat(w.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+      throw std::invalid_argument("watched directory " + w + " does not exist or is not a directory");
+    }
+  }
+  o.watch = std::move(watch);
+  if (!(o.stop > 0.0F && o.stop <= o.trigger && o.trigger <= 1.0F)) {
+    throw std::invalid_argument("the fractions must satisfy 0 < stop <= trigger <= 1");
+  }
+  if (o.suffixes.empty()) throw std::invalid_argument("at least one capture suffix is needed");
+  return o;
+}
+
+std::unique_ptr<cdl::log> make_log(const daemon_options& o, cdl::log_type::value type, const std::string& name) {
+  return std::make_unique<cdl::log>(type, cdl::log_facility::local0, name, o.log_level, o.log_stdout);
+}
+
+}  // namespace
+
+const char* faitra_version() { return FAITRA_VERSION; }
+
+// ---------------------------------------------------------------------------
+// job_runner
+
+job_runner::job_runner(cdl::log* log) : _log(log), _thread([this] { thread_body(); }) {}
+
+job_runner::~job_runner() { stop(); }
+
+bool job_runner::submit(std::string name, std::function<void()> job) {
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    if (_stopping || _queue.size() >= MAX_QUEUED) return false;
+    _queue.emplace_back(std::move(name), std::move(job));
+  }
+  _cv.notify_all();
+  return true;
+}
+
+void job_runner::stop() {
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    if (!_stopping && !_queue.empty() && _log != nullptr) {
+      _log->info("Dropping %lu queued cleanup request(s)", static_cast<unsigned long>(_queue.size()));
+    }
+    _stopping = true;
+    _queue.clear();
+  }
+  _cv.notify_all();
+  if (_thread.joinable()) _thread.join();
+}
+
+void job_runner::thread_body() {
+  on_job_thread = true;
+  std::unique_lock<std::mutex> lock(_mutex);
+  for (;;) {
+    _cv.wait(lock, [this] { return _stopping || !_queue.empty(); });
+    if (_stopping) return;
+    auto [name, job] = std::move(_queue.front());
+    _queue.pop_front();
+    lock.unlock();
+    try {
+      job();
+    } catch (const std::exception& e) {
+      if (_log != nullptr) _log->error("%s failed: %s", name, e.what());
+    }
+    lock.lock();
+  }
+}
+
+// ---------------------------------------------------------------------------
+// daemon
+
+capture_daemon::capture_daemon(daemon_options options)
+    : _options(normalise(std::move(options))), _filter(_options.suffixes, _options.watch) {
+  _log = make_log(_options, cdl::log_type::app_logic, "daemon");
+  _tracker_log = make_log(_options, cdl::log_type::os, "tracker");
+  _storage_log = make_log(_options, cdl::log_type::os, "storage");
+  _cleaner_log = make_log(_options, cdl::log_type::app_logic, "cleaner");
+  _core = std::make_unique<cdl::core>(_log.get());
+  if (!_options.metadata_cleanup_cmd.empty()) {
+    _metadata_command = std::make_unique<command_runner>(_options.metadata_cleanup_cmd);
+    _metadata_command_jobs = std::make_unique<command_runner>(_options.metadata_cleanup_cmd);
+  }
+  if (!_options.reset_disk_cache_cmd.empty()) {
+    _reset_command = std::make_unique<command_runner>(_options.reset_disk_cache_cmd);
+  }
+
+  try {
+    _tracker_workers =
+        std::make_unique<cdl::worker_group>(*_core, cdl::worker_group_config{1, "Tracker Worker Group"});
+    _tracker_listeners = std::make_unique<cdl::task_listener_group>(*_tracker_workers);
+
+    _log->info("Scanning %s (%lu watched director%s)", _options.root,
+               static_cast<unsigned long>(_options.watch.size()), _options.watch.size() == 1 ? "y" : "ies");
+    catalogue built =
+        build_catalogue(*_tracker_listeners, _options.root, _options.watch, true, _filter, _tracker_log.get());
+    _cache = std::move(built.cache);
+    _tracker = std::move(built.tracker);
+    for (const scan_problem& p : _filter.problems()) {
+      _log->write(cdl::log_priority::warning, "Start-up scan skipped %s: %s", p.name, p.reason);
+    }
+    _log->info("Catalogued %lu captures", static_cast<unsigned long>(_cache->size()));
+    if (!_tracker->monitoring()) {
+      _log->critical("The directories are not being watched; only the reconcile keeps the catalogue current");
+    }
+    _tracker_listeners->task_channel(0).register_task_handler(&capture_daemon::count_deletion, this,
+                                                              cdl::task_handler_order::first,
+                                                              csl::FS_EVENT_VERSION);
+
+    _storage = std::make_shared<csl::fs_storage>(_runtime, _cache, _tracker, _storage_log.get());
+    _cleaner = std::make_unique<csl::fs_cleaner>(
+        *_core, *_tracker_listeners, _storage,
+        [this](unsigned long start, unsigned long end) { return clean_metadata(start, end); },
+        _options.auto_cleanup, [this] { return reset_disk_cache(); }, _options.trigger, _options.stop,
+        _options.verbose, _cleaner_log.get());
+    _cleaner_seen.store(_cleaner.get());
+
+    _reconciler = std::make_unique<reconciler>(_cache, *_tracker, *_tracker_listeners, _options.suffixes,
+                                               _options.reconcile_interval, _counters, _log.get());
+    _reconciler->already_reported(_filter.problems());
+    _runtime.start();
+    _jobs = std::make_unique<job_runner>(_log.get());
+    _reconciler->start();
+  } catch (...) {
+    shutdown();
+    throw;
+  }
+}
+
+capture_daemon::~capture_daemon() { shutdown(); }
+
+void capture_daemon::shutdown() {
+  if (_shut_down) return;
+  _shut_down = true;
+  // On-demand metadata cleanups and disk cache refreshes are cut short. The
+  // automatic cleanup's metadata command is left to finish: the cleaner
+  // removes files after that step even when it fails, and files without
+  // their metadata cleaned would leave the metadata behind.
+  if (_metadata_command_jobs) _metadata_command_jobs->cancel_all();
+  if (_reset_command) _reset_command->cancel_all();
+  if (_jobs) _jobs->stop();
+  if (_reconciler) _reconciler->stop();
+  _runtime.stop();
+  if (_tracker) _tracker->stop_monitoring();
+  _tracker_listeners.reset();
+  _tracker_workers.reset();
+  destroy_cleaner();
+  _storage.reset();
+  _tracker.reset();
+  _cache.reset();
+  _reconciler.reset();
+  _jobs.reset();
+  if (_log) _log->info("Stopped");
+}
+
+void capture_daemon::destroy_cleaner() {
+  if (!_cleaner) return;
+  const bool pausing = steady_seconds() - _last_reset_request.load() <=
+                       static_cast<long>(csl::fs_cleaner::DISK_CACHE_SETTLE_SECONDS) + 1;
+  if (_cleaner->cleanup_in_progress() || pausing) {
+    _log->info("Waiting for the cleaner: a cleanup run or its %u-second pause is in progress",
+               csl::fs_cleaner::DISK_CACHE_SETTLE_SECONDS);
+  }
+  _cleaner_seen.store(nullptr);
+  _cleaner.reset();
+}
+
+cdl::nullable<std::string> capture_daemon::clean_metadata(unsigned long start, unsigned long end) {
+  command_runner* runner = on_job_thread ? _metadata_command_jobs.get() : _metadata_command.get();
+  if (runner == nullptr) {
+    _log->debug("No metadata cleanup command; nothing to clean for %lu-%lu", start, end);
+    return {};
+  }
+  _log->info("Running the metadata cleanup command for %lu-%lu", start, end);
+  const command_result result = runner->run({std::to_string(start), std::to_string(end)});
+  if (result.ok) return {};
+  _counters.metadata_cleanup_failures.fetch_add(1);
+  return cdl::nullable<std::string>(result.error);
+}
+
+bool capture_daemon::reset_disk_cache() {
+  // The cleaner asks for a refresh before deciding, and, inside a run, once
+  // more after removing its files: that second request marks a completed run.
+  csl::fs_cleaner* cleaner = _cleaner_seen.load();
+  if (cleaner != nullptr && cleaner->cleanup_in_progress()) _counters.cleanup_runs.fetch_add(1);
+  _last_reset_request.store(steady_seconds());
+  if (!_reset_command) return true;
+  const command_result result = _reset_command->run({});
+  if (!result.ok) _log->error("The disk cache refresh command failed: %s", result.error);
+  return result.ok;
+}
+
+void capture_daemon::count_deletion(cdl::task_ptr<csl::fs_entry_deleted>& task) {
+  csl::fs_entry record;
+  if (!_cache->by_path(record, task->entry.path)) return;
+  switch (record.deletion.load()) {
+    case csl::fs_entry::deletion_by::requested:
+      _counters.deleted_requested.fetch_add(1);
+      break;
+    case csl::fs_entry::deletion_by::cleanup:
+      _counters.deleted_cleanup.fetch_add(1);
+      break;
+    case csl::fs_entry::deletion_by::none:
+      _counters.removed_externally.fetch_add(1);
+      break;
+  }
+}
+
+metrics_sample capture_daemon::sample_metrics() {
+  metrics_sample s;
+  s.captures = _cache->size();
+  const auto state = _storage->state();
+  s.disk_used = state.used;
+  s.disk_total = state.total;
+  s.cleanup_in_progress = _cleaner->cleanup_in_progress();
+  s.delete_queue = _storage->queued();
+  s.scan_problems = _filter.problems().size();
+  s.handler_failures = _core->failures();
+  copy_counters(_counters, s);
+  return s;
+}
+
+}  // namespace faitra_host

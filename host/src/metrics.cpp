@@ -1,0 +1,75 @@
+#include <faitra/host/metrics.hpp>
+
+namespace faitra_host {
+
+namespace {
+
+void family(std::string& out, const char* name, const char* type, const char* help) {
+  out += "# HELP ";
+  out += name;
+  out += ' ';
+  out += help;
+  out += "\n# TYPE ";
+  out += name;
+  out += ' ';
+  out += type;
+  out += '\n';
+}
+
+void sample_line(std::string& out, const char* name, const char* labels, unsigned long value) {
+  out += name;
+  out += labels;
+  out += ' ';
+  out += std::to_string(value);
+  out += '\n';
+}
+
+void single(std::string& out, const char* name, const char* type, const char* help, unsigned long value) {
+  family(out, name, type, help);
+  sample_line(out, name, "", value);
+}
+
+}  // namespace
+
+void copy_counters(const daemon_counters& c, metrics_sample& s) {
+  s.cleanup_runs = c.cleanup_runs.load();
+  s.deleted_requested = c.deleted_requested.load();
+  s.deleted_cleanup = c.deleted_cleanup.load();
+  s.removed_externally = c.removed_externally.load();
+  s.metadata_cleanup_failures = c.metadata_cleanup_failures.load();
+  s.reconcile_runs = c.reconcile_runs.load();
+  s.drift_added = c.drift_added.load();
+  s.drift_removed = c.drift_removed.load();
+  s.drift_updated = c.drift_updated.load();
+}
+
+std::string render_metrics(const metrics_sample& s) {
+  std::string out;
+  single(out, "faitra_captures", "gauge", "Captures in the catalogue.", s.captures);
+  single(out, "faitra_disk_used_bytes", "gauge", "Bytes in use on the capture file system.", s.disk_used);
+  single(out, "faitra_disk_total_bytes", "gauge", "Size of the capture file system in bytes.", s.disk_total);
+  single(out, "faitra_cleanup_in_progress", "gauge", "1 while an automatic cleanup run is removing captures.",
+         s.cleanup_in_progress ? 1 : 0);
+  single(out, "faitra_cleanup_runs_total", "counter", "Automatic cleanup runs completed.", s.cleanup_runs);
+  family(out, "faitra_captures_deleted_total", "counter",
+         "Captures whose removal the catalogue saw, by who marked them (request, cleanup) or none (external).");
+  sample_line(out, "faitra_captures_deleted_total", "{reason=\"request\"}", s.deleted_requested);
+  sample_line(out, "faitra_captures_deleted_total", "{reason=\"cleanup\"}", s.deleted_cleanup);
+  sample_line(out, "faitra_captures_deleted_total", "{reason=\"external\"}", s.removed_externally);
+  single(out, "faitra_delete_queue", "gauge", "Captures marked on request and waiting for the delete thread.",
+         s.delete_queue);
+  single(out, "faitra_metadata_cleanup_failures_total", "counter",
+         "Metadata cleanup commands that failed.", s.metadata_cleanup_failures);
+  single(out, "faitra_reconcile_runs_total", "counter", "Reconcile runs completed.", s.reconcile_runs);
+  family(out, "faitra_drift_repaired_total", "counter",
+         "Catalogue differences from the disk repaired by the reconcile, by kind.");
+  sample_line(out, "faitra_drift_repaired_total", "{kind=\"added\"}", s.drift_added);
+  sample_line(out, "faitra_drift_repaired_total", "{kind=\"removed\"}", s.drift_removed);
+  sample_line(out, "faitra_drift_repaired_total", "{kind=\"updated\"}", s.drift_updated);
+  single(out, "faitra_scan_problems", "gauge", "Files skipped by the start-up scan.", s.scan_problems);
+  single(out, "faitra_handler_failures_total", "counter", "Exceptions that escaped a task handler.",
+         s.handler_failures);
+  return out;
+}
+
+}  // namespace faitra_host
