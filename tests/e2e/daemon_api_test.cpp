@@ -142,10 +142,10 @@ TEST_F(DaemonApiTest, BadInputIsRefusedAndChangesNothing) {
   };
   const std::string big(70 * 1024, ' ');
   const std::vector<bad_case> cases = {
-      {"GET", "/v1/captures?start=abc&end=5", "", 400, "not a decimal integer"},
+      {"GET", "/v1/captures?start=abc&end=5", "", 400, "is not a time"},
       {"GET", "/v1/captures?start=-1&end=5", "", 400, "negative"},
       {"GET", "/v1/captures?start=18446744073709551616&end=5", "", 400, "64 bits"},
-      {"GET", "/v1/captures?start=1%2B2&end=5", "", 400, "not a decimal integer"},
+      {"GET", "/v1/captures?start=1%2B2&end=5", "", 400, "is not a time"},
       {"GET", "/v1/captures?start=5", "", 400, "together"},
       {"GET", "/v1/captures?start=9&end=5", "", 400, "after end"},
       {"GET", "/v1/captures?limit=0", "", 400, "limit"},
@@ -161,7 +161,7 @@ TEST_F(DaemonApiTest, BadInputIsRefusedAndChangesNothing) {
       {"DELETE", "/v1/captures?all=true&by=start", "", 400, "time range"},
       {"DELETE", "/v1/captures?start=1&end=2&by=size", "", 400, "start or creation"},
       {"DELETE", "/v1/captures?start=5&end=1", "", 400, "after end"},
-      {"DELETE", "/v1/captures?start=1x&end=2", "", 400, "not a decimal integer"},
+      {"DELETE", "/v1/captures?start=1x&end=2", "", 400, "is not a time"},
       {"DELETE", "/v1/captures?start=0&end=18446744073709551616", "", 400, "64 bits"},
       {"DELETE", "/v1/captures?path=", "", 400, "empty"},
       {"DELETE", "/v1/captures?path=cap1001.pcap", "", 404, "no capture"},

@@ -5,6 +5,7 @@
 // not be reached (the reason goes to standard error).
 #include "commands.hpp"
 #include <faitra/host/daemon_address.hpp>
+#include <faitra/host/time_text.hpp>
 
 #include <httplib.h>
 
@@ -17,6 +18,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <iostream>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -140,6 +142,28 @@ const rapidjson::Value& member(const rapidjson::Value& object, const char* name)
   return it == object.MemberEnd() ? null_value : it->value;
 }
 
+// A time option: ns, RFC 3339 or relative to now; in seconds when
+// `seconds`, where a plain integer is already seconds.
+unsigned long time_option(const std::string& option, const std::string& text, bool seconds = false) {
+  const bool digits = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+  std::string error;
+  if (seconds && digits) {
+    const auto value = parse_time_ns(text, 0, error);  // digits are taken as they are
+    if (!value) throw failure(option + ": " + text + " does not fit 64 bits");
+    return *value;
+  }
+  const auto ns = parse_time_ns(text, wall_clock_ns(), error);
+  if (!ns) throw failure(option + ": " + error);
+  return seconds ? *ns / NS_PER_SECOND : *ns;
+}
+
+// A record's time field as RFC 3339 (ns, or seconds when `seconds`).
+std::string time_text_of(const rapidjson::Value& v, bool seconds = false) {
+  if (!v.IsUint64()) return text_of(v);
+  if (seconds && v.GetUint64() > std::numeric_limits<uint64_t>::max() / NS_PER_SECOND) return text_of(v);
+  return format_time_ns(seconds ? v.GetUint64() * NS_PER_SECOND : v.GetUint64());
+}
+
 std::string human_bytes(unsigned long bytes) {
   const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB"};
   double value = static_cast<double>(bytes);
@@ -175,28 +199,33 @@ void print_records(const rapidjson::Value& records) {
   std::vector<std::vector<std::string>> rows;
   if (records.IsArray()) {
     for (const auto& r : records.GetArray()) {
-      rows.push_back({text_of(member(r, "path")), text_of(member(r, "file_size")), text_of(member(r, "start_ts")),
-                      text_of(member(r, "end_ts")), text_of(member(r, "creation_ts")), text_of(member(r, "key")),
+      rows.push_back({text_of(member(r, "path")), text_of(member(r, "file_size")),
+                      time_text_of(member(r, "start_ts")), time_text_of(member(r, "end_ts")),
+                      time_text_of(member(r, "creation_ts"), true), text_of(member(r, "key")),
                       member(r, "pending_deletion").IsTrue() ? "pending" : ""});
     }
   }
-  print_table({"PATH", "SIZE", "START_TS", "END_TS", "CREATION_TS", "HASH", "DELETION"}, rows);
+  print_table({"PATH", "SIZE", "FIRST_PACKET", "LAST_PACKET", "CREATED", "HASH", "DELETION"}, rows);
 }
 
-httplib::Params range_params(unsigned long start, unsigned long end) {
-  return {{"start", std::to_string(start)}, {"end", std::to_string(end)}};
+httplib::Params range_params(const std::string& start, const std::string& end, bool seconds = false) {
+  return {{"start", std::to_string(time_option("--start", start, seconds))},
+          {"end", std::to_string(time_option("--end", end, seconds))}};
 }
+
+const char* const TIME_HELP = "ns since the epoch, RFC 3339 (2026-11-23T10:02:00Z) or relative (-5m, now)";
 
 void register_ls(CLI::App& app, int& exit_code) {
   struct options : client_options {
-    std::optional<unsigned long> start, end, limit;
+    std::optional<std::string> start, end;
+    std::optional<unsigned long> limit;
   };
   auto o = std::make_shared<options>();
   auto* sub = app.add_subcommand("ls", "List the catalogued captures (all in path order, or those whose first "
                                        "packet lies in [--start, --end], in time order)");
   add_client_options(sub, *o);
-  auto* start = sub->add_option("--start", o->start, "Start of the range, nanoseconds (with --end)");
-  auto* end = sub->add_option("--end", o->end, "End of the range, nanoseconds, inclusive (with --start)");
+  auto* start = sub->add_option("--start", o->start, std::string("Start of the range (with --end): ") + TIME_HELP);
+  auto* end = sub->add_option("--end", o->end, "End of the range, inclusive (with --start)");
   start->needs(end);
   end->needs(start);
   sub->add_option("--limit", o->limit, "List at most this many captures");
@@ -218,7 +247,7 @@ void register_ls(CLI::App& app, int& exit_code) {
 void register_rm(CLI::App& app, int& exit_code) {
   struct options : client_options {
     std::string path;
-    std::optional<unsigned long> start, end;
+    std::optional<std::string> start, end;
     std::string by = "start";
     bool all = false;
   };
@@ -228,8 +257,9 @@ void register_rm(CLI::App& app, int& exit_code) {
             "The daemon's delete thread removes the files");
   add_client_options(sub, *o);
   auto* path = sub->add_option("PATH", o->path, "Exact catalogued path of one capture");
-  auto* start = sub->add_option("--start", o->start, "Start of the range, inclusive (nanoseconds with --by start, "
-                                                      "seconds with --by creation)");
+  auto* start = sub->add_option("--start", o->start, std::string("Start of the range, inclusive: ") + TIME_HELP +
+                                                      "; a plain integer is ns with --by start, seconds with "
+                                                      "--by creation");
   auto* end = sub->add_option("--end", o->end, "End of the range, inclusive");
   auto* by = sub->add_option("--by", o->by, "Timestamp the range applies to: start (first packet) or creation")
                  ->check(CLI::IsMember({"start", "creation"}))
@@ -251,7 +281,7 @@ void register_rm(CLI::App& app, int& exit_code) {
       } else if (o->all) {
         params.emplace("all", "true");
       } else {
-        params = range_params(*o->start, *o->end);
+        params = range_params(*o->start, *o->end, o->by == "creation");
         params.emplace("by", o->by);
       }
       const answer a = call(*o, "DELETE", "/v1/captures", params);
@@ -304,9 +334,25 @@ void print_accepted(const client_options& o, const answer& a, const std::string&
   }
 }
 
+// --age: seconds since the epoch, an age with a unit (that long ago), or a
+// time text; the cut-off in seconds.
+unsigned long cutoff_option(const std::string& text) {
+  std::string error;
+  const bool digits = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+  if (digits) return time_option("--age", text, true);
+  if (const auto age = parse_duration_ns(text, error)) {
+    const uint64_t now = wall_clock_ns();
+    if (*age > now) throw failure("--age: " + text + " reaches back before 1970");
+    return (now - *age) / NS_PER_SECOND;
+  }
+  const auto ns = parse_time_ns(text, wall_clock_ns(), error);
+  if (!ns) throw failure("--age: " + error + "; or an age like 7d");
+  return *ns / NS_PER_SECOND;
+}
+
 void register_cleanup(CLI::App& app, int& exit_code) {
   struct options : client_options {
-    unsigned long age = 0;
+    std::string age;
     std::string mode;
   };
   auto o = std::make_shared<options>();
@@ -314,25 +360,28 @@ void register_cleanup(CLI::App& app, int& exit_code) {
       "cleanup", "Delete captures and/or their metadata created up to an absolute cut-off time");
   add_client_options(sub, *o);
   sub->add_option("--age", o->age,
-                  "Cut-off, in seconds on the capture clock (the creation timestamp's clock); every capture "
-                  "created at or before it is concerned")
+                  "Cut-off: every capture created at or before it is concerned. An age (7d, 12h, 90m: that long "
+                  "ago), a time (RFC 3339, or relative like -7d), or a plain integer: seconds since the epoch on "
+                  "the capture clock (the creation timestamp's clock)")
       ->required();
   sub->add_option("--mode", o->mode, "What to delete: files, metadata or both")
       ->required()
       ->check(CLI::IsMember({"files", "metadata", "both"}));
   sub->callback([o, &exit_code] {
     exit_code = guarded([&] {
+      const unsigned long cutoff = cutoff_option(o->age);
       const std::string body =
-          "{\"mode\": \"" + o->mode + "\", \"cutoff\": " + std::to_string(o->age) + "}";
+          "{\"mode\": \"" + o->mode + "\", \"cutoff\": " + std::to_string(cutoff) + "}";
       const answer a = call(*o, "POST", "/v1/cleanup/age", {}, body);
-      print_accepted(*o, a, "age cleanup of " + o->mode + " up to " + std::to_string(o->age) + " s");
+      print_accepted(*o, a, "age cleanup of " + o->mode + " of captures created up to " +
+                                format_time_ns(cutoff * NS_PER_SECOND) + " (" + std::to_string(cutoff) + " s)");
     });
   });
 }
 
 void register_metadata_cleanup(CLI::App& app, int& exit_code) {
   struct options : client_options {
-    std::optional<unsigned long> start, end;
+    std::optional<std::string> start, end;
     std::string automatic;
   };
   auto o = std::make_shared<options>();
@@ -341,8 +390,8 @@ void register_metadata_cleanup(CLI::App& app, int& exit_code) {
       "Delete the metadata of captures in a time range through the daemon's metadata cleanup command, or "
       "switch the automatic cleanup's metadata step on or off");
   add_client_options(sub, *o);
-  auto* start = sub->add_option("--start", o->start, "Start of the range, nanoseconds");
-  auto* end = sub->add_option("--end", o->end, "End of the range, nanoseconds, inclusive");
+  auto* start = sub->add_option("--start", o->start, std::string("Start of the range: ") + TIME_HELP);
+  auto* end = sub->add_option("--end", o->end, "End of the range, inclusive");
   auto* automatic = sub->add_option("--automatic", o->automatic,
                                     "on or off: whether the automatic cleanup also cleans metadata")
                         ->check(CLI::IsMember({"on", "off"}));
@@ -362,11 +411,12 @@ void register_metadata_cleanup(CLI::App& app, int& exit_code) {
         return;
       }
       if (start->count() == 0) throw failure("give --start and --end, or --automatic on|off");
+      const unsigned long first = time_option("--start", *o->start);
+      const unsigned long last = time_option("--end", *o->end);
       const std::string body =
-          "{\"start\": " + std::to_string(*o->start) + ", \"end\": " + std::to_string(*o->end) + "}";
+          "{\"start\": " + std::to_string(first) + ", \"end\": " + std::to_string(last) + "}";
       const answer a = call(*o, "POST", "/v1/cleanup/metadata", {}, body);
-      print_accepted(*o, a,
-                     "metadata cleanup of " + std::to_string(*o->start) + "-" + std::to_string(*o->end));
+      print_accepted(*o, a, "metadata cleanup of " + format_time_ns(first) + " to " + format_time_ns(last));
     });
   });
 }

@@ -14,7 +14,7 @@ namespace faitra_cli {
 
 namespace {
 
-constexpr unsigned long NS_PER_SECOND = 1000000000UL;
+using faitra_host::NS_PER_SECOND;
 
 // The parameters of the query string in `target`. httplib also files the
 // fields of a form-encoded body under Request::params; the API never takes
@@ -48,10 +48,17 @@ std::optional<unsigned long> unsigned_param(const httplib::Params& params, const
   return parse_unsigned(name, *text);
 }
 
+std::optional<unsigned long> time_param(const httplib::Params& params, const std::string& name, uint64_t now_ns,
+                                       bool seconds) {
+  const auto text = param(params, name);
+  if (!text) return std::nullopt;
+  return parse_time_param(name, *text, now_ns, seconds);
+}
+
 // start and end together, or neither.
-std::optional<time_range> range_params(const httplib::Params& params) {
-  const auto start = unsigned_param(params, "start");
-  const auto end = unsigned_param(params, "end");
+std::optional<time_range> range_params(const httplib::Params& params, uint64_t now_ns, bool seconds = false) {
+  const auto start = time_param(params, "start", now_ns, seconds);
+  const auto end = time_param(params, "end", now_ns, seconds);
   if (!start && !end) return std::nullopt;
   if (!start || !end) throw api_error(400, "start and end must be given together");
   if (*start > *end) throw api_error(400, "start must not be after end");
@@ -88,7 +95,35 @@ unsigned long body_unsigned(const rapidjson::Document& doc, const char* name) {
   return v.GetUint64();
 }
 
+// A member holding a time: an integer in its own unit, or a time text
+// converted to ns (or seconds).
+unsigned long body_time(const rapidjson::Document& doc, const char* name, uint64_t now_ns, bool seconds) {
+  const auto& v = doc[name];
+  // Integers are JSON numbers: a string of digits would be ambiguous (ns or s).
+  const std::string text = v.IsString() ? std::string(v.GetString(), v.GetStringLength()) : std::string();
+  if (text.empty() || text.find_first_not_of("-0123456789") == std::string::npos) return body_unsigned(doc, name);
+  std::string error;
+  const auto ns = faitra_host::parse_time_ns(text, now_ns, error);
+  if (!ns) throw api_error(400, std::string(name) + ": " + error);
+  return seconds ? *ns / NS_PER_SECOND : *ns;
+}
+
 }  // namespace
+
+unsigned long parse_time_param(const std::string& name, const std::string& text, uint64_t now_ns, bool seconds) {
+  const bool digits = text.find_first_not_of("0123456789") == std::string::npos;
+  if (digits || (text[0] == '-' && text.find_first_not_of("0123456789", 1) == std::string::npos)) {
+    return parse_unsigned(name, text);  // integers (and their refusals) as ever
+  }
+  std::string restored = text;
+  if (restored[0] == ' ') restored[0] = '+';
+  const size_t zone = restored.size() >= 6 ? restored.size() - 6 : 0;
+  if (zone > 10 && restored[zone] == ' ' && restored[zone + 3] == ':') restored[zone] = '+';
+  std::string error;
+  const auto ns = faitra_host::parse_time_ns(restored, now_ns, error);
+  if (!ns) throw api_error(400, name + ": " + error);
+  return seconds ? *ns / NS_PER_SECOND : *ns;
+}
 
 unsigned long parse_unsigned(const std::string& name, const std::string& text) {
   if (text.empty()) throw api_error(400, name + " is empty");
@@ -114,10 +149,10 @@ void check_body_size(const std::string& body) {
   }
 }
 
-list_request parse_list_request(const std::string& target) {
+list_request parse_list_request(const std::string& target, uint64_t now_ns) {
   const httplib::Params params = checked_params(target, {"start", "end", "limit"});
   list_request out;
-  out.range = range_params(params);
+  out.range = range_params(params, now_ns);
   const auto limit = unsigned_param(params, "limit");
   if (limit && *limit == 0) throw api_error(400, "limit must be at least 1");
   out.limit = limit.value_or(std::numeric_limits<unsigned long>::max());
@@ -130,7 +165,7 @@ std::string parse_lookup_request(const std::string& target) {
   return *path;
 }
 
-delete_request parse_delete_request(const std::string& target) {
+delete_request parse_delete_request(const std::string& target, uint64_t now_ns) {
   const httplib::Params params = checked_params(target, {"path", "start", "end", "by", "all"});
   const auto path = param(params, "path");
   const auto all = param(params, "all");
@@ -149,17 +184,18 @@ delete_request parse_delete_request(const std::string& target) {
     out.what = delete_request::form::all;
   } else {
     out.what = delete_request::form::range;
-    out.range = *range_params(params);
     if (by && *by == "creation") {
       out.by_start = false;
     } else if (by && *by != "start") {
       throw api_error(400, "by must be start or creation");
     }
+    out.range = *range_params(params, now_ns, !out.by_start);
   }
   return out;
 }
 
-age_cleanup_request parse_age_cleanup_request(const std::string& target, const std::string& body) {
+age_cleanup_request parse_age_cleanup_request(const std::string& target, const std::string& body,
+                                              uint64_t now_ns) {
   checked_params(target, {});
   const rapidjson::Document doc = json_body(body, {"mode", "cutoff"});
   if (!doc["mode"].IsString()) throw api_error(400, "mode must be a string");
@@ -174,7 +210,7 @@ age_cleanup_request parse_age_cleanup_request(const std::string& target, const s
   } else {
     throw api_error(400, "mode must be files, metadata or both");
   }
-  out.cutoff = body_unsigned(doc, "cutoff");
+  out.cutoff = body_time(doc, "cutoff", now_ns, true);
   if (out.mode != csl::age_cleanup_state::files &&
       out.cutoff > std::numeric_limits<unsigned long>::max() / NS_PER_SECOND) {
     throw api_error(400, "cutoff is too large to be expressed in nanoseconds");
@@ -182,11 +218,12 @@ age_cleanup_request parse_age_cleanup_request(const std::string& target, const s
   return out;
 }
 
-time_range parse_metadata_cleanup_request(const std::string& target, const std::string& body) {
+time_range parse_metadata_cleanup_request(const std::string& target, const std::string& body,
+                                          uint64_t now_ns) {
   checked_params(target, {});
   const rapidjson::Document doc = json_body(body, {"start", "end"});
-  const unsigned long start = body_unsigned(doc, "start");
-  const unsigned long end = body_unsigned(doc, "end");
+  const unsigned long start = body_time(doc, "start", now_ns, false);
+  const unsigned long end = body_time(doc, "end", now_ns, false);
   if (start > end) throw api_error(400, "start must not be after end");
   return time_range{start, end};
 }

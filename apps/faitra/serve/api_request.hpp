@@ -7,13 +7,22 @@
 // order and the first failure is the one reported. Query parameters are
 // taken from the target only: a form-encoded body never supplies them.
 //
+// Times: where a request takes a time, a decimal integer keeps its unit (ns,
+// or seconds where documented), and text is read by parse_time_ns (RFC 3339
+// or relative to `now_ns`, the daemon's clock). In a query string '+' means
+// a space, so an offset or a relative time sent with an unencoded '+'
+// (2026-11-23T11:02:00 01:00, " 5m") is read as meant.
+//
 // Raises only api_error (status 400, or 413 for an oversized body).
 //
 // Thread-safety: pure functions.
 #pragma once
 
+#include <faitra/host/time_text.hpp>
+
 #include <csl/fs_cleaner.hpp>
 
+#include <cstdint>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -37,6 +46,10 @@ constexpr size_t MAX_BODY_BYTES = 64 * 1024;
 // raises api_error 400 naming the parameter otherwise.
 unsigned long parse_unsigned(const std::string& name, const std::string& text);
 
+// A query parameter holding a time: an integer (in its own unit), or a time
+// text converted to ns, or to seconds when `seconds`.
+unsigned long parse_time_param(const std::string& name, const std::string& text, uint64_t now_ns, bool seconds);
+
 // Refuses a body above MAX_BODY_BYTES.
 void check_body_size(const std::string& body);
 
@@ -50,7 +63,7 @@ struct list_request {
   std::optional<time_range> range;
   unsigned long limit;  // the largest unsigned long when not given
 };
-list_request parse_list_request(const std::string& target);
+list_request parse_list_request(const std::string& target, uint64_t now_ns = faitra_host::wall_clock_ns());
 
 // GET /v1/captures/lookup?path=
 std::string parse_lookup_request(const std::string& target);
@@ -63,18 +76,20 @@ struct delete_request {
   time_range range{0, 0};
   bool by_start = true;
 };
-delete_request parse_delete_request(const std::string& target);
+delete_request parse_delete_request(const std::string& target, uint64_t now_ns = faitra_host::wall_clock_ns());
 
-// POST /v1/cleanup/age {"mode", "cutoff"}
+// POST /v1/cleanup/age {"mode", "cutoff"}: cutoff in seconds, or a time text
 struct age_cleanup_request {
   csl::age_cleanup_state::cleanup_mode mode;
   std::string mode_text;
   unsigned long cutoff;  // seconds
 };
-age_cleanup_request parse_age_cleanup_request(const std::string& target, const std::string& body);
+age_cleanup_request parse_age_cleanup_request(const std::string& target, const std::string& body,
+                                              uint64_t now_ns = faitra_host::wall_clock_ns());
 
-// POST /v1/cleanup/metadata {"start", "end"}
-time_range parse_metadata_cleanup_request(const std::string& target, const std::string& body);
+// POST /v1/cleanup/metadata {"start", "end"}: ns, or time texts
+time_range parse_metadata_cleanup_request(const std::string& target, const std::string& body,
+                                          uint64_t now_ns = faitra_host::wall_clock_ns());
 
 // PUT /v1/cleanup/metadata/automatic {"enabled"}; the new setting.
 bool parse_automatic_request(const std::string& target, const std::string& body);
