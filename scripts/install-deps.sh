@@ -10,7 +10,8 @@ packages=(
   cmake ninja-build g++ make pkg-config
   rapidjson-dev libgtest-dev libgmock-dev libbenchmark-dev
   libcpp-httplib-dev libcli11-dev
-  attr curl python3
+  libxxhash-dev liblz4-dev libpcap-dev
+  attr curl python3 tcpdump lz4 xxhash
 )
 case "${1:-}" in
   --bench) packages+=(gnuplot-nox linux-perf) ;;
