@@ -6,7 +6,20 @@ add_library(faitra_host_reader STATIC
   ${CMAKE_CURRENT_LIST_DIR}/src/capture_source.cpp
   ${CMAKE_CURRENT_LIST_DIR}/src/capture_reader.cpp
   ${CMAKE_CURRENT_LIST_DIR}/src/capture_summary.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/src/content_hash.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/src/content_hash_baseline.cpp
 )
+# The wide forms of the hash, picked at run time (content_hash.hpp).
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
+  target_sources(faitra_host_reader PRIVATE
+    ${CMAKE_CURRENT_LIST_DIR}/src/content_hash_avx2.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/src/content_hash_avx512.cpp)
+  set_source_files_properties(${CMAKE_CURRENT_LIST_DIR}/src/content_hash_avx2.cpp PROPERTIES COMPILE_OPTIONS -mavx2)
+  # GCC 12 reports its own AVX-512 intrinsics' undefined first operands as
+  # maybe uninitialised; the report is about the compiler's header.
+  set_source_files_properties(${CMAKE_CURRENT_LIST_DIR}/src/content_hash_avx512.cpp PROPERTIES COMPILE_OPTIONS
+    "-mavx512f;$<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>")
+endif()
 target_include_directories(faitra_host_reader PUBLIC ${CMAKE_CURRENT_LIST_DIR}/include)
 target_link_libraries(faitra_host_reader PRIVATE PkgConfig::XXHASH PkgConfig::LZ4)
 target_compile_features(faitra_host_reader PUBLIC cxx_std_20)

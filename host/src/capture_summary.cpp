@@ -1,30 +1,8 @@
 #include <faitra/host/capture_summary.hpp>
 
-#include <xxhash.h>
-
-#include <memory>
+#include "content_hash.hpp"
 
 namespace faitra_host {
-
-namespace {
-
-struct hash_state_deleter {
-  void operator()(XXH3_state_t* s) const { XXH3_freeState(s); }
-};
-
-std::string to_hex(const XXH128_hash_t& hash) {
-  XXH128_canonical_t canonical;
-  XXH128_canonicalFromHash(&canonical, hash);
-  static const char digits[] = "0123456789abcdef";
-  std::string out(32, '0');
-  for (size_t i = 0; i < 16; ++i) {
-    out[2 * i] = digits[canonical.digest[i] >> 4];
-    out[2 * i + 1] = digits[canonical.digest[i] & 0xf];
-  }
-  return out;
-}
-
-}  // namespace
 
 bool capture_summary::usable() const {
   const bool walked = status == capture_status::end || status == capture_status::truncated ||
@@ -32,17 +10,19 @@ bool capture_summary::usable() const {
   return walked && !cancelled && start_ns.has_value() && !hash.empty();
 }
 
-std::string xxh3_128_hex(const void* data, size_t size) { return to_hex(XXH3_128bits(data, size)); }
+std::string xxh3_128_hex(const void* data, size_t size) {
+  detail::content_hash hash;
+  hash.update(data, size);
+  return hash.hex();
+}
 
 capture_summary summarise_capture(const std::string& path, const summary_options& options) {
   capture_summary summary;
-  std::unique_ptr<XXH3_state_t, hash_state_deleter> hash(XXH3_createState());
-  if (!hash) throw std::bad_alloc();
-  XXH3_128bits_reset(hash.get());
+  detail::content_hash hash;
   bool cancelled = false;
   uint64_t bytes = 0;
   capture_cursor cursor(path, [&](const unsigned char* data, size_t size) {
-    XXH3_128bits_update(hash.get(), data, size);
+    hash.update(data, size);
     bytes += size;
     if (options.progress) options.progress(bytes);
     if (options.cancel != nullptr && options.cancel->load(std::memory_order_relaxed)) cancelled = true;
@@ -81,7 +61,7 @@ capture_summary summarise_capture(const std::string& path, const summary_options
   if (cancelled) {
     summary.cancelled = true;
   } else if (whole) {
-    summary.hash = to_hex(XXH3_128bits_digest(hash.get()));
+    summary.hash = hash.hex();
   } else if (summary.status != capture_status::not_a_capture && summary.status != capture_status::read_failed) {
     summary.status = capture_status::read_failed;
     summary.error_number = cursor.error_number();
