@@ -1,8 +1,13 @@
-# The capture reader, built on its own until the host library exists.
+# The capture reader (packet cursor, summary, content hash) as an object
+# library: compiled into faitra_host, and on its own into the fuzz target and
+# tests of builds without the host library. Included at most once.
+if(TARGET faitra_capture_reader)
+  return()
+endif()
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(XXHASH REQUIRED IMPORTED_TARGET GLOBAL libxxhash)
 pkg_check_modules(LZ4 REQUIRED IMPORTED_TARGET GLOBAL liblz4)
-add_library(faitra_host_reader STATIC
+add_library(faitra_capture_reader OBJECT
   ${CMAKE_CURRENT_LIST_DIR}/src/capture_source.cpp
   ${CMAKE_CURRENT_LIST_DIR}/src/capture_reader.cpp
   ${CMAKE_CURRENT_LIST_DIR}/src/capture_summary.cpp
@@ -11,7 +16,7 @@ add_library(faitra_host_reader STATIC
 )
 # The wide forms of the hash, picked at run time (content_hash.hpp).
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
-  target_sources(faitra_host_reader PRIVATE
+  target_sources(faitra_capture_reader PRIVATE
     ${CMAKE_CURRENT_LIST_DIR}/src/content_hash_avx2.cpp
     ${CMAKE_CURRENT_LIST_DIR}/src/content_hash_avx512.cpp)
   set_source_files_properties(${CMAKE_CURRENT_LIST_DIR}/src/content_hash_avx2.cpp PROPERTIES COMPILE_OPTIONS -mavx2)
@@ -20,7 +25,7 @@ if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
   set_source_files_properties(${CMAKE_CURRENT_LIST_DIR}/src/content_hash_avx512.cpp PROPERTIES COMPILE_OPTIONS
     "-mavx512f;$<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>")
 endif()
-target_include_directories(faitra_host_reader PUBLIC ${CMAKE_CURRENT_LIST_DIR}/include)
-target_link_libraries(faitra_host_reader PRIVATE PkgConfig::XXHASH PkgConfig::LZ4)
-target_compile_features(faitra_host_reader PUBLIC cxx_std_20)
-target_compile_options(faitra_host_reader PRIVATE ${FAITRA_WARNINGS})
+target_include_directories(faitra_capture_reader PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_LIST_DIR}/include>)
+target_link_libraries(faitra_capture_reader PUBLIC PkgConfig::XXHASH PkgConfig::LZ4)
+target_compile_features(faitra_capture_reader PUBLIC cxx_std_20)
+target_compile_options(faitra_capture_reader PRIVATE ${FAITRA_WARNINGS})
