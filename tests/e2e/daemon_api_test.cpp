@@ -72,11 +72,16 @@ TEST_F(DaemonApiTest, ListsCapturesWithTheirAttributes) {
   EXPECT_EQ(live.json["file_size"].GetUint64(), 8192U);
   EXPECT_EQ(live.json["start_ts"].GetUint64(), 1004000000000U);
 
-  // The range is closed at both ends and applies to the first packet.
+  // The range is closed at both ends. A capture is in it when its packets
+  // overlap it (1001 runs into the second range), or with match=start when
+  // its first packet lies in it.
   const reply range = d->request("GET", "/v1/captures?start=1002000000000&end=1003000000000");
   ASSERT_EQ(range.status, 200) << range.body;
   EXPECT_EQ(paths_of(range, "captures"), (std::vector<std::string>{capture(1002), capture(1003)}));
-  const reply one = d->request("GET", "/v1/captures?start=1001000000001&end=1002000000000");
+  const reply two = d->request("GET", "/v1/captures?start=1001000000001&end=1002000000000");
+  EXPECT_EQ(paths_of(two, "captures"), (std::vector<std::string>{capture(1001), capture(1002)}));
+  EXPECT_EQ(two.json["skipped"].GetUint64(), 0U);
+  const reply one = d->request("GET", "/v1/captures?start=1001000000001&end=1002000000000&match=start");
   EXPECT_EQ(paths_of(one, "captures"), (std::vector<std::string>{capture(1002)}));
   const reply limited = d->request("GET", "/v1/captures?limit=2");
   EXPECT_EQ(paths_of(limited, "captures"), (std::vector<std::string>{capture(1001), capture(1002)}));

@@ -108,6 +108,13 @@ unsigned long body_time(const rapidjson::Document& doc, const char* name, uint64
   return seconds ? *ns / NS_PER_SECOND : *ns;
 }
 
+// A limit: at least 1; the largest unsigned long when not given.
+unsigned long limit_param(const httplib::Params& params, const std::string& name) {
+  const auto limit = unsigned_param(params, name);
+  if (limit && *limit == 0) throw api_error(400, name + " must be at least 1");
+  return limit.value_or(std::numeric_limits<unsigned long>::max());
+}
+
 }  // namespace
 
 unsigned long parse_time_param(const std::string& name, const std::string& text, uint64_t now_ns, bool seconds) {
@@ -150,12 +157,28 @@ void check_body_size(const std::string& body) {
 }
 
 list_request parse_list_request(const std::string& target, uint64_t now_ns) {
-  const httplib::Params params = checked_params(target, {"start", "end", "limit"});
+  const httplib::Params params = checked_params(target, {"start", "end", "match", "limit"});
   list_request out;
   out.range = range_params(params, now_ns);
-  const auto limit = unsigned_param(params, "limit");
-  if (limit && *limit == 0) throw api_error(400, "limit must be at least 1");
-  out.limit = limit.value_or(std::numeric_limits<unsigned long>::max());
+  const auto match = param(params, "match");
+  if (match && !out.range) throw api_error(400, "match applies only to a time range");
+  if (match && *match != "overlap" && *match != "start") throw api_error(400, "match must be overlap or start");
+  out.by_start = match && *match == "start";
+  out.limit = limit_param(params, "limit");
+  return out;
+}
+
+packets_request parse_packets_request(const std::string& target, uint64_t now_ns) {
+  const httplib::Params params =
+      checked_params(target, {"start", "end", "filter", "limit_packets", "limit_bytes"});
+  const auto window = range_params(params, now_ns);
+  if (!window) throw api_error(400, "start and end are required");
+  packets_request out{*window, param(params, "filter").value_or(""), limit_param(params, "limit_packets"),
+                      limit_param(params, "limit_bytes")};
+  if (out.filter.size() > MAX_FILTER_BYTES) {
+    throw api_error(400, "filter is longer than " + std::to_string(MAX_FILTER_BYTES) + " bytes");
+  }
+  if (out.filter.find('\0') != std::string::npos) throw api_error(400, "filter contains a NUL byte");
   return out;
 }
 

@@ -58,12 +58,26 @@ struct time_range {
   unsigned long end;
 };
 
-// GET /v1/captures?start&end&limit
+// GET /v1/captures?start&end&match&limit
 struct list_request {
   std::optional<time_range> range;
+  // With a range: captures whose [start_ts, end_ts] overlaps it (the
+  // default), or whose start_ts lies in it (match=start).
+  bool by_start = false;
   unsigned long limit;  // the largest unsigned long when not given
 };
 list_request parse_list_request(const std::string& target, uint64_t now_ns = faitra_host::wall_clock_ns());
+
+// GET /v1/packets?start&end[&filter][&limit_packets][&limit_bytes]
+struct packets_request {
+  time_range window;  // required; start <= end
+  std::string filter;  // BPF; empty: every packet
+  unsigned long limit_packets;  // at least 1; the largest unsigned long when not given
+  unsigned long limit_bytes;    // likewise
+};
+// The longest filter expression accepted, in bytes.
+constexpr size_t MAX_FILTER_BYTES = 4096;
+packets_request parse_packets_request(const std::string& target, uint64_t now_ns = faitra_host::wall_clock_ns());
 
 // GET /v1/captures/lookup?path=
 std::string parse_lookup_request(const std::string& target);

@@ -1,5 +1,7 @@
 #include "serve/http_api.hpp"
 
+#include <faitra/host/capture_overlap.hpp>
+
 #include <cdl/exception.hpp>
 #include <cdl/json_values.hpp>
 #include <cdl/json_writer.hpp>
@@ -20,11 +22,9 @@ namespace {
 
 const char* const JSON_TYPE = "application/json";
 
-using handler = std::function<void(const httplib::Request&, httplib::Response&)>;
-
 // The paths the API serves, for telling "unknown path" from "wrong method".
 const std::set<std::string> KNOWN_PATHS = {
-    "/v1/captures",     "/v1/captures/lookup",         "/v1/storage", "/v1/cleanup/age",
+    "/v1/captures",     "/v1/captures/lookup",         "/v1/storage", "/v1/cleanup/age", "/v1/packets",
     "/v1/cleanup/metadata", "/v1/cleanup/metadata/automatic", "/v1/status", "/v1/reconcile",
     "/metrics",
 };
@@ -113,14 +113,35 @@ const char* reason_phrase(int status) {
 
 }  // namespace
 
-http_api::http_api(capture_daemon& daemon, std::optional<std::string> token)
-    : _daemon(daemon), _token(std::move(token)) {}
+http_api::http_api(capture_daemon& daemon, std::optional<std::string> token, unsigned max_retrievals)
+    : _daemon(daemon), _token(std::move(token)), _max_retrievals(max_retrievals) {}
+
+// The token is checked here rather than before routing so that the
+// request's body has been read when the 401 goes out. Anything but
+// api_error reaches the exception handler as a 500.
+api_handler http_api::guarded(api_handler h) const {
+  const std::optional<std::string> expected =
+      _token ? std::optional<std::string>("Bearer " + *_token) : std::nullopt;
+  return [h = std::move(h), expected](const httplib::Request& req, httplib::Response& res) {
+    try {
+      if (expected && !same_text(req.get_header_value("Authorization"), *expected)) {
+        res.set_header("WWW-Authenticate", "Bearer realm=\"faitra\"");
+        throw api_error(401, "missing or wrong bearer token");
+      }
+      check_body_size(req.body);
+      h(req, res);
+    } catch (const api_error& e) {
+      send_error(res, e.status(), e.what());
+    }
+  };
+}
 
 void http_api::install(httplib::Server& server) {
   capture_daemon& d = _daemon;
   cdl::log* log = d.log();
 
-  server.new_task_queue = [] { return new httplib::ThreadPool(SERVER_THREADS); };
+  const size_t threads = SERVER_THREADS + _max_retrievals;
+  server.new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
   // httplib answers a body above its own limit without reading it, and the
   // client may then see a reset connection instead of the answer. So its
   // limit is higher, and the handlers check the API's own after reading.
@@ -176,35 +197,20 @@ void http_api::install(httplib::Server& server) {
     });
   }
 
-  // Checks the token and the body size, then runs the handler; maps
-  // api_error to its status, anything else reaches the exception handler
-  // above as a 500. The token is checked here rather than before routing so
-  // that the request's body has been read when the 401 goes out.
-  const std::optional<std::string> expected =
-      _token ? std::optional<std::string>("Bearer " + *_token) : std::nullopt;
-  auto guarded = [expected](handler h) {
-    return [h = std::move(h), expected](const httplib::Request& req, httplib::Response& res) {
-      try {
-        if (expected && !same_text(req.get_header_value("Authorization"), *expected)) {
-          res.set_header("WWW-Authenticate", "Bearer realm=\"faitra\"");
-          throw api_error(401, "missing or wrong bearer token");
-        }
-        check_body_size(req.body);
-        h(req, res);
-      } catch (const api_error& e) {
-        send_error(res, e.status(), e.what());
-      }
-    };
-  };
-
   server.Get("/v1/captures", guarded([&d](const httplib::Request& req, httplib::Response& res) {
     const list_request query = parse_list_request(req.target);
     const auto& range = query.range;
     const unsigned long limit = query.limit;
     std::vector<csl::fs_entry> records;
-    if (range) {
+    uint64_t skipped = 0;
+    if (range && query.by_start) {
       d.cache().by_time(records, range->start, range->end);
-      if (records.size() > limit) records.resize(limit);
+      csl::fs_cache::shared_guard lock(d.cache());
+      skipped = d.cache().path_cache().size() - d.cache().start_ts_cache().size();
+    } else if (range) {
+      overlap_selection selection = select_overlapping(d.cache(), range->start, range->end);
+      records = std::move(selection.captures);
+      skipped = selection.without_times;
     } else {
       csl::fs_cache::shared_guard lock(d.cache());
       for (const auto& [path, record] : d.cache().path_cache()) {
@@ -212,12 +218,17 @@ void http_api::install(httplib::Server& server) {
         records.push_back(*record);
       }
     }
+    if (records.size() > limit) records.resize(limit);
     cdl::json_writer w;
     w.begin_object();
     w.key("captures", true);
     w.begin_array();
     for (const csl::fs_entry& e : records) write_record(w, e);
     w.end_array();
+    if (range) {
+      w.key("skipped", true);
+      w.value<unsigned long>(skipped);
+    }
     w.end_object();
     send_json(res, 200, w);
   }));
@@ -397,6 +408,8 @@ void http_api::install(httplib::Server& server) {
     res.status = 200;
     res.set_content(render_metrics(d.sample_metrics()), "text/plain; version=0.0.4");
   }));
+
+  install_packets_route(server, *this, d, _max_retrievals);
 }
 
 }  // namespace faitra_cli

@@ -17,25 +17,40 @@
 
 #include <httplib.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 
 namespace faitra_cli {
 
+using api_handler = std::function<void(const httplib::Request&, httplib::Response&)>;
+
 class http_api {
  public:
   // Bodies above this are refused by httplib without being read.
   static constexpr size_t HTTPLIB_BODY_LIMIT = 1024 * 1024;
+  // Threads for everything but packet retrievals, which get one each on
+  // top, so that streaming never holds up the catalogue or the cleanups.
   static constexpr size_t SERVER_THREADS = 4;
+  static constexpr unsigned DEFAULT_MAX_RETRIEVALS = 2;
 
-  http_api(faitra_host::capture_daemon& daemon, std::optional<std::string> token);
+  http_api(faitra_host::capture_daemon& daemon, std::optional<std::string> token,
+           unsigned max_retrievals = DEFAULT_MAX_RETRIEVALS);
 
   // Installs the routes, the token check, the error forms and the limits.
   void install(httplib::Server& server);
 
+  // `h` behind the token check, with api_error mapped to its status.
+  api_handler guarded(api_handler h) const;
+
  private:
   faitra_host::capture_daemon& _daemon;
   std::optional<std::string> _token;
+  unsigned _max_retrievals;
 };
+
+// GET /v1/packets (packets_endpoint.cpp).
+void install_packets_route(httplib::Server& server, const http_api& api, faitra_host::capture_daemon& daemon,
+                           unsigned max_retrievals);
 
 }  // namespace faitra_cli

@@ -48,6 +48,7 @@ struct serve_options {
   cdl::log_priority::value log_level = cdl::log_priority::info;
   bool verbose = false;
   unsigned long reconcile_interval = 60;
+  unsigned max_retrievals = http_api::DEFAULT_MAX_RETRIEVALS;
 };
 
 const std::map<std::string, cdl::log_priority::value> LOG_LEVELS = {
@@ -128,7 +129,7 @@ int run_serve(const serve_options& cli, bool log_level_given) {
   cdl::log* log = daemon->log();
 
   httplib::Server server;
-  http_api api(*daemon, token);
+  http_api api(*daemon, token, cli.max_retrievals);
   api.install(server);
   server.set_keep_alive_timeout(2);
   // httplib writes a response's headers and body separately; with Nagle's
@@ -246,6 +247,11 @@ void register_serve(CLI::App& app, int& exit_code) {
                   "Seconds between two reconciles of the catalogue with the directories; 0 runs them only at "
                   "start and on request")
       ->capture_default_str();
+  sub->add_option("--max-retrievals", cli->max_retrievals,
+                  "Packet retrievals (GET /v1/packets) served at the same time; more are answered 503 with "
+                  "Retry-After. Each has a server thread of its own")
+      ->capture_default_str()
+      ->check(CLI::Range(1U, 16U));
   sub->callback([cli, level, &exit_code] { exit_code = run_serve(*cli, level->count() > 0); });
 }
 
