@@ -11,5 +11,6 @@ void register_serve(CLI::App& app, int& exit_code);
 void register_scan(CLI::App& app, int& exit_code);
 void register_gen(CLI::App& app, int& exit_code);
 void register_client(CLI::App& app, int& exit_code);
+void register_extract(CLI::App& app, int& exit_code);
 
 }  // namespace faitra_cli

@@ -14,6 +14,7 @@ int main(int argc, char** argv) {
   faitra_cli::register_scan(app, exit_code);
   faitra_cli::register_gen(app, exit_code);
   faitra_cli::register_client(app, exit_code);
+  faitra_cli::register_extract(app, exit_code);
   CLI11_PARSE(app, argc, argv);
   return exit_code;
 }

@@ -4,6 +4,7 @@
 // Exit status: 0 on success, 1 when the daemon refused the request or could
 // not be reached (the reason goes to standard error).
 #include "commands.hpp"
+#include "client/daemon_client.hpp"
 #include <faitra/host/daemon_address.hpp>
 #include <faitra/host/time_text.hpp>
 
@@ -12,8 +13,6 @@
 #include <rapidjson/document.h>
 #include <rapidjson/error/en.h>
 
-#include <signal.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -57,27 +56,10 @@ struct answer {
 // answers with an error status.
 answer call(const client_options& o, const std::string& method, const std::string& path,
             const httplib::Params& params = {}, const std::string& body = "") {
-  listen_address address;
-  std::string error;
-  if (!parse_listen_address(o.listen, address, error)) throw failure("--listen: " + error);
-  httplib::Headers headers;
-  if (!o.token_file.empty()) {
-    const auto token = read_token_file(o.token_file, error);
-    if (!token) throw failure("--token-file: " + error);
-    headers.emplace("Authorization", "Bearer " + *token);
-  }
-  // A daemon that refuses a request before reading its body closes the
-  // connection; writing on must fail the request, not kill the client.
-  ::signal(SIGPIPE, SIG_IGN);
-  std::unique_ptr<httplib::Client> client;
-  if (address.unix_socket) {
-    client = std::make_unique<httplib::Client>(address.host);
-    client->set_address_family(AF_UNIX);
-  } else {
-    client = std::make_unique<httplib::Client>(address.host, address.port);
-  }
-  client->set_connection_timeout(std::chrono::seconds(5));
-  client->set_read_timeout(std::chrono::seconds(90));  // a reconcile may take a while
+  // A reconcile may take a while.
+  const daemon_client daemon = connect_daemon(o.listen, o.token_file, std::chrono::seconds(90));
+  httplib::Client* client = daemon.client.get();
+  const httplib::Headers& headers = daemon.headers;
   const std::string target = params.empty() ? path : httplib::append_query_params(path, params);
   httplib::Result result = [&] {
     if (method == "GET") return client->Get(target, headers);
@@ -219,20 +201,29 @@ void register_ls(CLI::App& app, int& exit_code) {
   struct options : client_options {
     std::optional<std::string> start, end;
     std::optional<unsigned long> limit;
+    std::string match = "overlap";
   };
   auto o = std::make_shared<options>();
-  auto* sub = app.add_subcommand("ls", "List the catalogued captures (all in path order, or those whose first "
-                                       "packet lies in [--start, --end], in time order)");
+  auto* sub = app.add_subcommand("ls", "List the catalogued captures (all in path order, or those whose packets "
+                                       "overlap [--start, --end], in time order)");
   add_client_options(sub, *o);
   auto* start = sub->add_option("--start", o->start, std::string("Start of the range (with --end): ") + TIME_HELP);
   auto* end = sub->add_option("--end", o->end, "End of the range, inclusive (with --start)");
   start->needs(end);
   end->needs(start);
+  sub->add_option("--match", o->match,
+                  "With a range: overlap (first to last packet overlaps it) or start (first packet lies in it)")
+      ->check(CLI::IsMember({"overlap", "start"}))
+      ->capture_default_str()
+      ->needs(start);
   sub->add_option("--limit", o->limit, "List at most this many captures");
   sub->callback([o, &exit_code] {
     exit_code = guarded([&] {
       httplib::Params params;
-      if (o->start) params = range_params(*o->start, *o->end);
+      if (o->start) {
+        params = range_params(*o->start, *o->end);
+        params.emplace("match", o->match);
+      }
       if (o->limit) params.emplace("limit", std::to_string(*o->limit));
       const answer a = call(*o, "GET", "/v1/captures", params);
       if (o->json) {
@@ -240,6 +231,10 @@ void register_ls(CLI::App& app, int& exit_code) {
         return;
       }
       print_records(member(a.doc, "captures"));
+      const auto& skipped = member(a.doc, "skipped");
+      if (skipped.IsUint64() && skipped.GetUint64() > 0) {
+        std::cout << skipped.GetUint64() << " capture(s) without packet times left out\n";
+      }
     });
   });
 }
