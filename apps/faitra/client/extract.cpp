@@ -21,6 +21,7 @@
 #include <faitra/host/catalogue.hpp>
 #include <faitra/host/daemon_address.hpp>
 #include <faitra/host/packet_retrieval.hpp>
+#include <faitra/host/time_text.hpp>
 
 #include <cdl/exception.hpp>
 #include <cdl/task_system.hpp>
@@ -74,16 +75,12 @@ class failure : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// A time given on the command line, in ns since the epoch.
+// A time given on the command line: ns, RFC 3339 or relative to now.
 uint64_t time_option(const std::string& option, const std::string& text) {
-  const bool digits = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
-  if (digits && text.size() <= 20) {
-    errno = 0;
-    char* end = nullptr;
-    const unsigned long long value = std::strtoull(text.c_str(), &end, 10);
-    if (errno == 0 && *end == '\0') return value;
-  }
-  throw failure(option + ": " + text + " is not a time (nanoseconds since the epoch)");
+  std::string error;
+  const auto ns = parse_time_ns(text, wall_clock_ns(), error);
+  if (!ns) throw failure(option + ": " + error);
+  return *ns;
 }
 
 std::string human_bytes(uint64_t bytes) {
@@ -358,7 +355,10 @@ void register_extract(CLI::App& app, int& exit_code) {
       "The file is classic pcap with nanosecond times when the captures share a link type, pcapng otherwise.\n"
       "It is written under a temporary name beside FILE and renamed at the end: on error nothing is left.\n"
       "Progress goes to standard error when it is a terminal. Exit status 0 when the whole file was written.");
-  sub->add_option("--start", o->start, "Start of the window, inclusive: nanoseconds since the epoch")->required();
+  sub->add_option("--start", o->start,
+                  "Start of the window, inclusive: ns since the epoch, RFC 3339 (2026-11-23T10:02:00Z) or relative "
+                  "to now (-5m)")
+      ->required();
   sub->add_option("--end", o->end, "End of the window, inclusive")->required();
   sub->add_option("--filter", o->filter, "BPF filter expression, as tcpdump takes it (default: every packet)");
   sub->add_option("-w,--write", o->write, "Where to write the capture: FILE, or - for standard output")
