@@ -4,8 +4,8 @@
 // first newline, then the body. Allowed outcome: a parsed request, or
 // faitra_cli::api_error with status 400 or 413 and a message. Properties
 // of a parsed request: ranges are never inverted, a limit is at least 1, a
-// path is never empty, a mode is one of the three names, a nanosecond
-// cut-off cannot overflow, and a packets request has a window, limits of at
+// path is never empty, a timeline has 1 to 1000 buckets, a mode is one of
+// the three names, a nanosecond cut-off cannot overflow, and a packets request has a window, limits of at
 // least 1 and a filter within its bound.
 #include "fuzz_check.hpp"
 
@@ -24,7 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace faitra_cli;
   try {
     check_body_size(body);
-    switch (data[0] % 9) {
+    switch (data[0] % 10) {
       case 0: {
         const list_request r = parse_list_request(target);
         if (r.range) FUZZ_CHECK(r.range->start <= r.range->end);
@@ -64,6 +64,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         FUZZ_CHECK(r.window.start <= r.window.end);
         FUZZ_CHECK(r.limit_packets >= 1 && r.limit_bytes >= 1);
         FUZZ_CHECK(r.filter.size() <= MAX_FILTER_BYTES && r.filter.find('\0') == std::string::npos);
+        break;
+      }
+      case 9: {
+        const timeline_request r = parse_timeline_request(target);
+        if (r.range) FUZZ_CHECK(r.range->start <= r.range->end);
+        FUZZ_CHECK(r.buckets >= 1 && r.buckets <= faitra_host::MAX_TIMELINE_BUCKETS);
         break;
       }
       default:

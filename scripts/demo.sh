@@ -4,7 +4,8 @@
 #   1. a 64 MiB tmpfs (mounted directly as root; otherwise inside a private
 #      user and mount namespace made with `unshare`), already 45 % full with
 #      58 captures from an hour ago;
-#   2. `faitra serve` on it, and `faitra gen` writing a 512 KiB capture every
+#   2. `faitra serve` on it (the first line printed is the address of its
+#      status page), and `faitra gen` writing a 512 KiB capture every
 #      second, the way a capture writer does;
 #   3. one status line per second from GET /v1/status: captures, usage
 #      against the trigger (50 %) and stop (25 %) fractions, the cleaner's
@@ -21,7 +22,7 @@
 #
 # Usage: scripts/demo.sh   (after a build; `make demo` does both)
 # Environment: FAITRA (the binary, default build/default/apps/faitra),
-# DEMO_SECONDS.
+# DEMO_SECONDS, DEMO_PORT (default: a free port).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -103,7 +104,9 @@ if ! mount -t tmpfs -o "size=$FS_SIZE,mode=0755" faitra-demo "$CAPTURES" 2>"$WOR
   exit 1
 fi
 MOUNTED=1
-say "== faitra demo"
+# The port is chosen first, so that the demo opens with the page's address.
+PORT=${DEMO_PORT:-$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')}
+say "== faitra demo: open http://127.0.0.1:$PORT/ in a browser to watch the status page"
 say "file system: tmpfs of $FS_SIZE on $CAPTURES"
 say "daemon: trigger $TRIGGER, stop $STOP; writer: one $FILE_SIZE capture per ${RATE}s"
 
@@ -113,7 +116,7 @@ hour_ago=$(( $(date +%s) - 3600 ))
 say "pre-filled: $PREFILL captures from an hour ago"
 
 # 2. The daemon (a free port, read back from its log) and the writer.
-"$FAITRA" serve --root "$CAPTURES" --trigger "$TRIGGER" --stop "$STOP" --listen 127.0.0.1:0 --log-stdout \
+"$FAITRA" serve --root "$CAPTURES" --trigger "$TRIGGER" --stop "$STOP" --listen "127.0.0.1:$PORT" --log-stdout \
   >"$WORK/serve.log" 2>&1 &
 SERVE_PID=$!
 URL=

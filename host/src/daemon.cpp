@@ -1,6 +1,7 @@
 #include <faitra/host/daemon.hpp>
 
 #include <faitra/host/catalogue.hpp>
+#include <faitra/host/catalogue_views.hpp>
 
 #include <csl/fs_events.hpp>
 
@@ -170,6 +171,8 @@ capture_daemon::capture_daemon(daemon_options options)
     _runtime.start();
     _jobs = std::make_unique<job_runner>(_log.get());
     _reconciler->start();
+    _history = std::make_unique<cleanup_history>(*_cleaner, _counters);
+    _history_seen.store(_history.get());
   } catch (...) {
     shutdown();
     throw;
@@ -187,6 +190,7 @@ void capture_daemon::shutdown() {
   // their metadata cleaned would leave the metadata behind.
   if (_metadata_command_jobs) _metadata_command_jobs->cancel_all();
   if (_reset_command) _reset_command->cancel_all();
+  if (_history) _history->stop();
   if (_jobs) _jobs->stop();
   if (_reconciler) _reconciler->stop();
   _runtime.stop();
@@ -199,6 +203,8 @@ void capture_daemon::shutdown() {
   _cache.reset();
   _reconciler.reset();
   _jobs.reset();
+  _history_seen.store(nullptr);
+  _history.reset();
   if (_log) _log->info("Stopped");
 }
 
@@ -224,6 +230,8 @@ cdl::nullable<std::string> capture_daemon::clean_metadata(unsigned long start, u
   const command_result result = runner->run({std::to_string(start), std::to_string(end)});
   if (result.ok) return {};
   _counters.metadata_cleanup_failures.fetch_add(1);
+  cleanup_history* history = _history_seen.load();
+  if (!on_job_thread && history != nullptr) history->note_failure("metadata cleanup command: " + result.error);
   return cdl::nullable<std::string>(result.error);
 }
 
@@ -235,7 +243,11 @@ bool capture_daemon::reset_disk_cache() {
   _last_reset_request.store(steady_seconds());
   if (!_reset_command) return true;
   const command_result result = _reset_command->run({});
-  if (!result.ok) _log->error("The disk cache refresh command failed: %s", result.error);
+  if (!result.ok) {
+    _log->error("The disk cache refresh command failed: %s", result.error);
+    cleanup_history* history = _history_seen.load();
+    if (history != nullptr) history->note_failure("disk cache refresh command: " + result.error);
+  }
   return result.ok;
 }
 
@@ -266,6 +278,9 @@ metrics_sample capture_daemon::sample_metrics() {
   s.scan_problems = _filter.problems().size();
   s.handler_failures = _core->failures();
   copy_counters(_counters, s);
+  const retention_window window = read_retention(*_cache);
+  s.oldest_start = window.oldest_start;
+  s.newest_start = window.newest_start;
   return s;
 }
 

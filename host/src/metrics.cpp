@@ -1,5 +1,7 @@
 #include <faitra/host/metrics.hpp>
 
+#include <cstdio>
+
 namespace faitra_host {
 
 namespace {
@@ -27,6 +29,17 @@ void sample_line(std::string& out, const char* name, const char* labels, unsigne
 void single(std::string& out, const char* name, const char* type, const char* help, unsigned long value) {
   family(out, name, type, help);
   sample_line(out, name, "", value);
+}
+
+// Nanoseconds as seconds with their fraction; absent values give no sample,
+// so that an empty catalogue does not report the epoch.
+void seconds_gauge(std::string& out, const char* name, const char* help, std::optional<unsigned long> ns) {
+  family(out, name, "gauge", help);
+  if (!ns) return;
+  char text[48];
+  std::snprintf(text, sizeof text, " %lu.%09lu\n", *ns / 1000000000UL, *ns % 1000000000UL);
+  out += name;
+  out += text;
 }
 
 }  // namespace
@@ -69,6 +82,10 @@ std::string render_metrics(const metrics_sample& s) {
   single(out, "faitra_scan_problems", "gauge", "Files skipped by the start-up scan.", s.scan_problems);
   single(out, "faitra_handler_failures_total", "counter", "Exceptions that escaped a task handler.",
          s.handler_failures);
+  seconds_gauge(out, "faitra_retention_oldest_start_seconds",
+                "First-packet time of the oldest capture on disk, seconds since the epoch.", s.oldest_start);
+  seconds_gauge(out, "faitra_retention_newest_start_seconds",
+                "First-packet time of the newest capture on disk, seconds since the epoch.", s.newest_start);
   return out;
 }
 

@@ -345,31 +345,75 @@ unsigned long cutoff_option(const std::string& text) {
   return *ns / NS_PER_SECOND;
 }
 
+// The captures of a dry run or a plan, and what they add up to.
+void print_plan(const answer& a) {
+  const auto& captures = member(a.doc, "captures");
+  const unsigned long bytes = member(a.doc, "bytes").IsUint64() ? member(a.doc, "bytes").GetUint64() : 0;
+  if (captures.IsArray() && captures.Size() > 0) print_records(captures);
+  std::cout << "would delete " << (captures.IsArray() ? captures.Size() : 0) << " capture(s), "
+            << human_bytes(bytes) << " (" << bytes << " bytes)\n";
+}
+
 void register_cleanup(CLI::App& app, int& exit_code) {
   struct options : client_options {
     std::string age;
     std::string mode;
+    bool dry_run = false;
+    bool plan = false;
   };
   auto o = std::make_shared<options>();
   auto* sub = app.add_subcommand(
-      "cleanup", "Delete captures and/or their metadata created up to an absolute cut-off time");
+      "cleanup", "Delete captures and/or their metadata created up to an absolute cut-off time; with --dry-run "
+                 "only show what that would delete; with --plan show what the automatic cleanup would delete now");
   add_client_options(sub, *o);
-  sub->add_option("--age", o->age,
-                  "Cut-off: every capture created at or before it is concerned. An age (7d, 12h, 90m: that long "
-                  "ago), a time (RFC 3339, or relative like -7d), or a plain integer: seconds since the epoch on "
-                  "the capture clock (the creation timestamp's clock)")
-      ->required();
-  sub->add_option("--mode", o->mode, "What to delete: files, metadata or both")
-      ->required()
-      ->check(CLI::IsMember({"files", "metadata", "both"}));
+  auto* age = sub->add_option("--age", o->age,
+                              "Cut-off: every capture created at or before it is concerned. An age (7d, 12h, 90m: "
+                              "that long ago), a time (RFC 3339, or relative like -7d), or a plain integer: seconds "
+                              "since the epoch on the capture clock (the creation timestamp's clock)");
+  auto* mode = sub->add_option("--mode", o->mode, "What to delete: files, metadata or both")
+                   ->check(CLI::IsMember({"files", "metadata", "both"}));
+  auto* dry_run = sub->add_flag("--dry-run", o->dry_run,
+                                "List the captures (and the metadata range) the cleanup would delete, and their "
+                                "bytes, without deleting or marking anything");
+  auto* plan = sub->add_flag("--plan", o->plan,
+                             "List what the automatic cleanup would delete if it ran now, marking nothing");
+  age->needs(mode);
+  mode->needs(age);
+  dry_run->needs(age);
+  plan->excludes(age)->excludes(mode)->excludes(dry_run);
   sub->callback([o, &exit_code] {
     exit_code = guarded([&] {
+      if (o->plan) {
+        const answer a = call(*o, "GET", "/v1/cleanup/plan");
+        if (o->json) {
+          std::cout << a.body << "\n";
+          return;
+        }
+        std::cout << "usage " << text_of(member(member(a.doc, "usage"), "fraction")) << ", trigger "
+                  << text_of(member(a.doc, "trigger")) << ", stop " << text_of(member(a.doc, "stop")) << ": "
+                  << (member(a.doc, "would_run").IsTrue() ? "a run would start now" : "no run would start now")
+                  << "\n";
+        print_plan(a);
+        return;
+      }
+      if (o->age.empty()) throw failure("give --age and --mode, or --plan");
       const unsigned long cutoff = cutoff_option(o->age);
-      const std::string body =
-          "{\"mode\": \"" + o->mode + "\", \"cutoff\": " + std::to_string(cutoff) + "}";
+      const std::string body = "{\"mode\": \"" + o->mode + "\", \"cutoff\": " + std::to_string(cutoff) +
+                               (o->dry_run ? ", \"dry_run\": true}" : "}");
       const answer a = call(*o, "POST", "/v1/cleanup/age", {}, body);
-      print_accepted(*o, a, "age cleanup of " + o->mode + " of captures created up to " +
-                                format_time_ns(cutoff * NS_PER_SECOND) + " (" + std::to_string(cutoff) + " s)");
+      if (!o->dry_run) {
+        print_accepted(*o, a, "age cleanup of " + o->mode + " of captures created up to " +
+                                  format_time_ns(cutoff * NS_PER_SECOND) + " (" + std::to_string(cutoff) + " s)");
+      } else if (o->json) {
+        std::cout << a.body << "\n";
+      } else {
+        print_plan(a);
+        const auto& range = member(a.doc, "metadata_range");
+        if (range.IsObject()) {
+          std::cout << "would clean metadata of " << text_of(member(range, "start")) << "-"
+                    << text_of(member(range, "end")) << " ns\n";
+        }
+      }
     });
   });
 }

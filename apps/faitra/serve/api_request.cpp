@@ -65,8 +65,10 @@ std::optional<time_range> range_params(const httplib::Params& params, uint64_t n
   return time_range{*start, *end};
 }
 
-// The body as a JSON object with exactly the members `required`.
-rapidjson::Document json_body(const std::string& body, const std::set<std::string>& required) {
+// The body as a JSON object with the members `required`, and of `optional`
+// those that it gives.
+rapidjson::Document json_body(const std::string& body, const std::set<std::string>& required,
+                              const std::set<std::string>& optional = {}) {
   rapidjson::Document doc;
   doc.Parse(body.data(), body.size());
   if (doc.HasParseError()) {
@@ -78,12 +80,16 @@ rapidjson::Document json_body(const std::string& body, const std::set<std::strin
   for (rapidjson::SizeType i = 0; i < doc.MemberCount(); ++i) {
     const auto& key = (doc.MemberBegin() + i)->name;
     const std::string name(key.GetString(), key.GetStringLength());
-    if (required.count(name) == 0) throw api_error(400, "unknown member in the body: " + name);
+    if (required.count(name) == 0 && optional.count(name) == 0) {
+      throw api_error(400, "unknown member in the body: " + name);
+    }
   }
   for (const std::string& name : required) {
     if (!doc.HasMember(name.c_str())) throw api_error(400, "missing member in the body: " + name);
   }
-  if (doc.MemberCount() != required.size()) throw api_error(400, "a member is given more than once");
+  size_t given = required.size();
+  for (const std::string& name : optional) given += doc.HasMember(name.c_str()) ? 1 : 0;
+  if (doc.MemberCount() != given) throw api_error(400, "a member is given more than once");
   return doc;
 }
 
@@ -220,7 +226,7 @@ delete_request parse_delete_request(const std::string& target, uint64_t now_ns) 
 age_cleanup_request parse_age_cleanup_request(const std::string& target, const std::string& body,
                                               uint64_t now_ns) {
   checked_params(target, {});
-  const rapidjson::Document doc = json_body(body, {"mode", "cutoff"});
+  const rapidjson::Document doc = json_body(body, {"mode", "cutoff"}, {"dry_run"});
   if (!doc["mode"].IsString()) throw api_error(400, "mode must be a string");
   age_cleanup_request out;
   out.mode_text = doc["mode"].GetString();
@@ -237,6 +243,10 @@ age_cleanup_request parse_age_cleanup_request(const std::string& target, const s
   if (out.mode != csl::age_cleanup_state::files &&
       out.cutoff > std::numeric_limits<unsigned long>::max() / NS_PER_SECOND) {
     throw api_error(400, "cutoff is too large to be expressed in nanoseconds");
+  }
+  if (doc.HasMember("dry_run")) {
+    if (!doc["dry_run"].IsBool()) throw api_error(400, "dry_run must be true or false");
+    out.dry_run = doc["dry_run"].GetBool();
   }
   return out;
 }
@@ -261,6 +271,18 @@ bool parse_automatic_request(const std::string& target, const std::string& body)
 void parse_reconcile_request(const std::string& target, const std::string& body) {
   checked_params(target, {});
   if (!body.empty()) json_body(body, {});
+}
+
+timeline_request parse_timeline_request(const std::string& target, uint64_t now_ns) {
+  const httplib::Params params = checked_params(target, {"buckets", "start", "end"});
+  timeline_request out;
+  out.range = range_params(params, now_ns);
+  const auto buckets = unsigned_param(params, "buckets");
+  if (buckets && (*buckets == 0 || *buckets > faitra_host::MAX_TIMELINE_BUCKETS)) {
+    throw api_error(400, "buckets must be between 1 and " + std::to_string(faitra_host::MAX_TIMELINE_BUCKETS));
+  }
+  if (buckets) out.buckets = *buckets;
+  return out;
 }
 
 void parse_plain_request(const std::string& target) { checked_params(target, {}); }

@@ -18,6 +18,7 @@
 // Thread-safety: pure functions.
 #pragma once
 
+#include <faitra/host/catalogue_views.hpp>
 #include <faitra/host/time_text.hpp>
 
 #include <csl/fs_cleaner.hpp>
@@ -92,11 +93,13 @@ struct delete_request {
 };
 delete_request parse_delete_request(const std::string& target, uint64_t now_ns = faitra_host::wall_clock_ns());
 
-// POST /v1/cleanup/age {"mode", "cutoff"}: cutoff in seconds, or a time text
+// POST /v1/cleanup/age {"mode", "cutoff"[, "dry_run"]}: cutoff in seconds,
+// or a time text
 struct age_cleanup_request {
   csl::age_cleanup_state::cleanup_mode mode;
   std::string mode_text;
   unsigned long cutoff;  // seconds
+  bool dry_run = false;
 };
 age_cleanup_request parse_age_cleanup_request(const std::string& target, const std::string& body,
                                               uint64_t now_ns = faitra_host::wall_clock_ns());
@@ -110,6 +113,13 @@ bool parse_automatic_request(const std::string& target, const std::string& body)
 
 // POST /v1/reconcile: no parameters, and an empty body or an empty object.
 void parse_reconcile_request(const std::string& target, const std::string& body);
+
+// GET /v1/timeline?buckets&start&end: start and end in ns, or time texts
+struct timeline_request {
+  unsigned long buckets = 60;
+  std::optional<time_range> range;
+};
+timeline_request parse_timeline_request(const std::string& target, uint64_t now_ns = faitra_host::wall_clock_ns());
 
 // Requests that take no parameters (status, storage, metrics).
 void parse_plain_request(const std::string& target);

@@ -1,5 +1,8 @@
 #include "serve/http_api.hpp"
 
+#include "serve/api_json.hpp"
+#include "serve/operator_api.hpp"
+#include "serve/status_page.hpp"
 #include <faitra/host/capture_overlap.hpp>
 
 #include <cdl/exception.hpp>
@@ -20,7 +23,6 @@ using namespace faitra_host;
 
 namespace {
 
-const char* const JSON_TYPE = "application/json";
 
 // The paths the API serves, for telling "unknown path" from "wrong method".
 const std::set<std::string> KNOWN_PATHS = {
@@ -41,19 +43,6 @@ std::string error_json(const std::string& message) {
 void send_error(httplib::Response& res, int status, const std::string& message) {
   res.status = status;
   res.set_content(error_json(message), JSON_TYPE);
-}
-
-void send_json(httplib::Response& res, int status, cdl::json_writer& w) {
-  res.status = status;
-  res.set_content(w.take(), JSON_TYPE);
-}
-
-void write_record(cdl::json_writer& w, const csl::fs_entry& e) { e.to_json(w, {}, {}); }
-
-void write_fraction(cdl::json_writer& w, double value) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.6g", value);
-  w.raw_value(text);
 }
 
 void write_problems(cdl::json_writer& w, const std::vector<scan_problem>& problems) {
@@ -168,7 +157,8 @@ void http_api::install(httplib::Server& server) {
 
   server.set_error_handler([](const httplib::Request& req, httplib::Response& res) {
     if (!res.body.empty()) return;
-    if (res.status == 404 && KNOWN_PATHS.count(req.path) != 0) {
+    if (res.status == 404 && (KNOWN_PATHS.count(req.path) != 0 || OPERATOR_PATHS.count(req.path) != 0 ||
+                              STATUS_PAGE_PATHS.count(req.path) != 0)) {
       send_error(res, 405, "method " + req.method + " is not allowed on " + req.path);
     } else if (res.status == 404) {
       send_error(res, 404, "no such endpoint: " + req.path);
@@ -275,6 +265,7 @@ void http_api::install(httplib::Server& server) {
 
   server.Post("/v1/cleanup/age", guarded([&d, log](const httplib::Request& req, httplib::Response& res) {
     const age_cleanup_request age = parse_age_cleanup_request(req.target, req.body);
+    if (age.dry_run) return answer_age_dry_run(res, d, age);
     const auto mode = age.mode;
     const unsigned long cutoff = age.cutoff;
     const bool accepted = d.jobs().submit("Age cleanup", [&d, mode, cutoff] { d.cleaner().start_age_cleanup(mode, cutoff); });
@@ -350,6 +341,11 @@ void http_api::install(httplib::Server& server) {
     w.key("fraction", true);
     write_fraction(w, m.disk_total == 0 ? 0.0 : static_cast<double>(m.disk_used) / static_cast<double>(m.disk_total));
     w.end_object();
+    w.key("retention", true);
+    retention_window window;
+    window.oldest_start = m.oldest_start;
+    window.newest_start = m.newest_start;
+    write_retention(w, window);
     w.key("trigger", true);
     write_fraction(w, d.cleaner().trigger());
     w.key("stop", true);
@@ -410,6 +406,8 @@ void http_api::install(httplib::Server& server) {
   }));
 
   install_packets_route(server, *this, d, _max_retrievals);
+  install_status_page(server);
+  install_operator_routes(server, *this, d);
 }
 
 }  // namespace faitra_cli

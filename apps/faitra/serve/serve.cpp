@@ -2,6 +2,7 @@
 #include "commands.hpp"
 #include <faitra/host/daemon.hpp>
 #include "serve/http_api.hpp"
+#include "serve/json_log.hpp"
 #include <faitra/host/daemon_address.hpp>
 
 #include <httplib.h>
@@ -45,6 +46,7 @@ struct serve_options {
   std::string listen = DEFAULT_LISTEN;
   std::string token_file;
   bool log_stdout = false;
+  std::string log_format = "text";
   cdl::log_priority::value log_level = cdl::log_priority::info;
   bool verbose = false;
   unsigned long reconcile_interval = 60;
@@ -96,7 +98,9 @@ int run_serve(const serve_options& cli, bool log_level_given) {
   if (!cli.suffixes.empty()) options.suffixes = cli.suffixes;
   options.metadata_cleanup_cmd = cli.metadata_cleanup_cmd;
   options.reset_disk_cache_cmd = cli.reset_disk_cache_cmd;
-  options.log_stdout = cli.log_stdout;
+  // JSON lines go through the logs' syslog calls (serve/json_log.hpp).
+  const bool json_log = cli.log_format == "json";
+  options.log_stdout = cli.log_stdout && !json_log;
   options.log_level = cli.verbose && !log_level_given ? cdl::log_priority::debug : cli.log_level;
   options.verbose = cli.verbose;
   options.reconcile_interval = std::chrono::seconds(cli.reconcile_interval);
@@ -117,7 +121,11 @@ int run_serve(const serve_options& cli, bool log_level_given) {
   sigaddset(&stop_signals, SIGINT);
   pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
-  if (!cli.log_stdout) ::openlog("faitra", LOG_PID, LOG_LOCAL0);
+  if (json_log) {
+    use_json_log();
+  } else if (!cli.log_stdout) {
+    ::openlog("faitra", LOG_PID, LOG_LOCAL0);
+  }
 
   std::unique_ptr<capture_daemon> daemon;
   try {
@@ -236,6 +244,12 @@ void register_serve(CLI::App& app, int& exit_code) {
                   "File holding a token; every request must then send 'Authorization: Bearer <token>'")
       ->check(CLI::ExistingFile);
   sub->add_flag("--log-stdout", cli->log_stdout, "Log to standard output instead of syslog");
+  sub->add_option("--log-format", cli->log_format,
+                  "text: the usual lines (to syslog, or to standard output with --log-stdout); json: one JSON "
+                  "object per line on standard output (time, level, priority, facility, type, component, "
+                  "message), for journald or a log shipper")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"text", "json"}));
   auto* level = sub->add_option("--log-level", cli->log_level,
                                 "Most verbose priority logged: emerg, alert, crit, error, warning, notice, info "
                                 "or debug (default: info)")

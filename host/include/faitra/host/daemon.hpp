@@ -6,10 +6,10 @@
 // catalogue and the tracker, monitoring on (build_catalogue, which survives
 // captures with malformed attributes); the storage; the cleaner; the
 // reconcile; the runtime's start callbacks (the storage's delete thread);
-// the job and reconcile threads.
+// the job and reconcile threads; the cleanup history's thread.
 //
 // shutdown() (also run by the destructor) goes the other way, in the order
-// the library requires: background jobs (running commands are killed) and
+// the library requires: the cleanup history, background jobs (running commands are killed) and
 // the reconcile thread; the runtime's stop callbacks (the delete thread is
 // joined); the tracker's monitoring; the tracker's listener group and
 // worker group (no handler can run after that); then the cleaner (which
@@ -22,6 +22,7 @@
 #pragma once
 
 #include <faitra/host/capture_filter.hpp>
+#include <faitra/host/cleanup_history.hpp>
 #include <faitra/host/daemon_command.hpp>
 #include <faitra/host/metrics.hpp>
 #include <faitra/host/reconcile.hpp>
@@ -110,6 +111,7 @@ class capture_daemon {
   csl::fs_cleaner& cleaner() { return *_cleaner; }
   reconciler& reconcile() { return *_reconciler; }
   job_runner& jobs() { return *_jobs; }
+  const cleanup_history& history() const { return *_history; }
   const daemon_counters& counters() const { return _counters; }
   std::vector<scan_problem> scan_problems() const { return _filter.problems(); }
   metrics_sample sample_metrics();
@@ -143,6 +145,8 @@ class capture_daemon {
   std::atomic<long> _last_reset_request{std::numeric_limits<long>::min() / 2};  // steady seconds
   std::unique_ptr<reconciler> _reconciler;
   std::unique_ptr<job_runner> _jobs;
+  std::unique_ptr<cleanup_history> _history;
+  std::atomic<cleanup_history*> _history_seen{nullptr};  // for the cleaner's callbacks
   bool _shut_down = false;
 };
 

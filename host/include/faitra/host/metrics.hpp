@@ -16,6 +16,7 @@
 #pragma once
 
 #include <atomic>
+#include <optional>
 #include <string>
 
 namespace faitra_host {
@@ -50,6 +51,10 @@ struct metrics_sample {
   unsigned long drift_added = 0;
   unsigned long drift_removed = 0;
   unsigned long drift_updated = 0;
+  // The retention window: first-packet times (nanoseconds) of the oldest and
+  // the newest capture; empty without dated captures.
+  std::optional<unsigned long> oldest_start;
+  std::optional<unsigned long> newest_start;
 };
 
 // Copies the counters into `sample` (the gauges are left as they are).
