@@ -12,6 +12,7 @@ packages=(
   libcpp-httplib-dev libcli11-dev
   libxxhash-dev liblz4-dev libpcap-dev
   attr curl python3 tcpdump lz4 xxhash
+  chromium help2man dpkg-dev systemd libtomlplusplus-dev
 )
 case "${1:-}" in
   --bench) packages+=(gnuplot-nox linux-perf) ;;
