@@ -1,10 +1,10 @@
 # The Debian package (cpack -G DEB, or `make deb`): the command, the
 # libraries, the headers and CMake/pkg-config files, the systemd unit, the
-# options file /etc/default/faitra, man pages made by help2man from the
+# configuration file /etc/faitra/faitra.toml, man pages made by help2man from the
 # command's own --help, and maintainer scripts that create the system user
 # and the capture directory. The service is left disabled.
 #
-# The unit and the options file are an install component of their own
+# The unit and the configuration file are an install component of their own
 # ("service") left out of a plain `cmake --install`, which must not write
 # outside its prefix; the package takes every component into one .deb.
 
@@ -13,7 +13,7 @@ set(FAITRA_UNIT_BINDIR /usr/${CMAKE_INSTALL_BINDIR})
 configure_file(${PROJECT_SOURCE_DIR}/packaging/faitra.service.in ${PROJECT_BINARY_DIR}/faitra.service @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/faitra.service DESTINATION /lib/systemd/system
         COMPONENT service EXCLUDE_FROM_ALL)
-install(FILES ${PROJECT_SOURCE_DIR}/packaging/faitra.default DESTINATION /etc/default RENAME faitra
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/faitra.toml DESTINATION /etc/faitra
         COMPONENT service EXCLUDE_FROM_ALL)
 
 # Man pages: faitra(1) from `faitra --help`, faitra-serve(1) from
@@ -60,7 +60,7 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "passwd")
 configure_file(${PROJECT_SOURCE_DIR}/packaging/postinst ${PROJECT_BINARY_DIR}/deb/postinst COPYONLY)
 configure_file(${PROJECT_SOURCE_DIR}/packaging/postrm ${PROJECT_BINARY_DIR}/deb/postrm COPYONLY)
-file(WRITE ${PROJECT_BINARY_DIR}/deb/conffiles "/etc/default/faitra\n")
+file(WRITE ${PROJECT_BINARY_DIR}/deb/conffiles "/etc/faitra/faitra.toml\n")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     ${PROJECT_BINARY_DIR}/deb/postinst ${PROJECT_BINARY_DIR}/deb/postrm ${PROJECT_BINARY_DIR}/deb/conffiles)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)

@@ -1,6 +1,7 @@
 // faitra serve: the daemon.
 #include "commands.hpp"
 #include <faitra/host/daemon.hpp>
+#include "serve/config_file.hpp"
 #include "serve/http_api.hpp"
 #include "serve/json_log.hpp"
 #include <faitra/host/daemon_address.hpp>
@@ -47,6 +48,8 @@ struct serve_options {
   std::string token_file;
   bool log_stdout = false;
   std::string log_format = "text";
+  std::string config;
+  bool check_config = false;
   cdl::log_priority::value log_level = cdl::log_priority::info;
   bool verbose = false;
   unsigned long reconcile_interval = 60;
@@ -266,7 +269,20 @@ void register_serve(CLI::App& app, int& exit_code) {
                   "Retry-After. Each has a server thread of its own")
       ->capture_default_str()
       ->check(CLI::Range(1U, 16U));
-  sub->callback([cli, level, &exit_code] { exit_code = run_serve(*cli, level->count() > 0); });
+  sub->add_option("--config", cli->config,
+                  "TOML file of options (e.g. /etc/faitra/faitra.toml): every option above is a key, named "
+                  "without its dashes; options on the command line win over the file");
+  sub->add_flag("--check-config", cli->check_config,
+                "Check the options (and the --config file), print the settings in effect as a configuration "
+                "file, and exit: 0 when they are usable");
+  sub->callback([cli, level, sub, &exit_code] {
+    if (cli->check_config) {
+      std::cout << effective_config(*sub);
+      exit_code = 0;
+      return;
+    }
+    exit_code = run_serve(*cli, level->count() > 0);
+  });
 }
 
 }  // namespace faitra_cli
