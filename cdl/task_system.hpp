@@ -112,6 +112,10 @@ class task_dispatcher {
   template <typename T>
   void register_task_handler(std::function<void(task_ptr<T>&)> handler, task_handler_order order,
                              unsigned long version);
+  // The same under an identity given by the caller (see task_channel).
+  template <typename T>
+  void register_task_handler_as(const task_type& type, std::function<void(task_ptr<T>&)> handler,
+                                task_handler_order order, unsigned long version);
 
   // Puts an entry's handlers into running order: order value, then sequence.
   static void sort(task_entry& entry);
@@ -142,6 +146,12 @@ class task_channel {
   template <typename T, typename C>
   void register_task_handler(void (C::*method)(task_ptr<T>&), C* object, task_handler_order order,
                              unsigned long version);
+  // For task classes that have no name_static() to identify them by: files
+  // the handler under `type`, the identity the class's objects report (ask
+  // one object for its type()). Delivery is as for any other handler.
+  template <typename T, typename C>
+  void register_task_handler_as(const task_type& type, void (C::*method)(task_ptr<T>&), C* object,
+                                task_handler_order order, unsigned long version);
 
   // Queues `task` for this channel's worker. `limit` is the most tasks the
   // worker's queue may hold; when it is full, `wait_when_full` blocks until

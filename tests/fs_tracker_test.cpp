@@ -27,21 +27,6 @@
 #include <string>
 #include <vector>
 
-// The scan announcements have no static name: a host listening to them
-// supplies their identities from their task names.
-namespace cdl {
-template <>
-inline const task_type& task_type::identify<csl::fs_entry_missing_xattr_at_init>() {
-  static const task_type type = identify_from_name("fs_entry_missing_xattr_at_init");
-  return type;
-}
-template <>
-inline const task_type& task_type::identify<csl::fs_entry_has_xattr_but_empty_at_init>() {
-  static const task_type type = identify_from_name("fs_entry_has_xattr_but_empty_at_init");
-  return type;
-}
-}  // namespace cdl
-
 namespace {
 
 using csl::fs_entry;
@@ -228,10 +213,14 @@ TEST_F(FsTracker, WithoutMonitoringItOnlyScansAndAnnounces) {
   captured_log log;
   announcements seen;  // outlives the harness, whose worker calls it
   tracker_harness h;
-  h.channel().register_task_handler(&announcements::on_missing, &seen, cdl::task_handler_order::normal,
-                                    csl::FS_EVENT_VERSION);
-  h.channel().register_task_handler(&announcements::on_empty, &seen, cdl::task_handler_order::normal,
-                                    csl::FS_EVENT_VERSION);
+  // The scan announcements have no static name: a host subscribes by the
+  // identity their objects report.
+  h.channel().register_task_handler_as(csl::fs_entry_missing_xattr_at_init(csl::fs_entry()).type(),
+                                       &announcements::on_missing, &seen, cdl::task_handler_order::normal,
+                                       csl::FS_EVENT_VERSION);
+  h.channel().register_task_handler_as(csl::fs_entry_has_xattr_but_empty_at_init(csl::fs_entry()).type(),
+                                       &announcements::on_empty, &seen, cdl::task_handler_order::normal,
+                                       csl::FS_EVENT_VERSION);
   auto threads = [] {
     const auto it = std::filesystem::directory_iterator("/proc/self/task");
     return std::distance(begin(it), end(it));

@@ -32,6 +32,7 @@ template <typename T>
 class task_type_comparator : public task_type_comparator_base {
  public:
   task_type_comparator() : _type(task_type::identify<T>()) {}
+  explicit task_type_comparator(const task_type& type) : _type(type) {}
   bool is_base_of(task* t) const override {
     if (t == nullptr) return false;
     if (t->type() == _type) return false;
@@ -46,17 +47,19 @@ template <typename T>
 class task_mapping : public task_mapping_base {
  public:
   task_mapping(std::function<void(task_ptr<T>&)> handler, task_handler_order order, unsigned long sequence)
+      : task_mapping(std::move(handler), order, sequence, task_type::identify<T>()) {}
+  task_mapping(std::function<void(task_ptr<T>&)> handler, task_handler_order order, unsigned long sequence,
+               const task_type& type)
       : _handler_type_name(typeid(handler).name()),
-        _task_type(&task_type::identify<T>()),
-        _task_type_name(_task_type->name()),
+        _task_type(type),
+        _task_type_name(_task_type.name()),
         _handler(std::move(handler)),
         _order(order),
         _sequence(sequence) {}
 
   void dispatch(task_ptr<task>& task) override {
     if (!task) {
-      throw exception(CDL_FILE_NAME, 240, "Could not dispatch a task (%s). It is a nullptr.",
-                      task_type::identify<T>().name());
+      throw exception(CDL_FILE_NAME, 240, "Could not dispatch a task (%s). It is a nullptr.", _task_type.name());
     }
     task_ptr<T> typed(std::move(task));
     try {
@@ -75,7 +78,7 @@ class task_mapping : public task_mapping_base {
 
  private:
   std::string _handler_type_name;
-  const task_type* _task_type;
+  task_type _task_type;
   std::string _task_type_name;
   std::function<void(task_ptr<T>&)> _handler;
   task_handler_order _order;
@@ -92,13 +95,19 @@ void task_dispatcher::register_task_handler(void (C::*method)(task_ptr<T>&), C* 
 template <typename T>
 void task_dispatcher::register_task_handler(std::function<void(task_ptr<T>&)> handler, task_handler_order order,
                                             unsigned long version) {
+  register_task_handler_as<T>(task_type::identify<T>(), std::move(handler), order, version);
+}
+
+template <typename T>
+void task_dispatcher::register_task_handler_as(const task_type& type, std::function<void(task_ptr<T>&)> handler,
+                                               task_handler_order order, unsigned long version) {
   std::lock_guard<std::mutex> lock(_mutex);
-  task_entry& entry = _entries[key_type(task_type::identify<T>(), version)];
-  if (!entry.comparator) entry.comparator = std::make_unique<task_type_comparator<T>>();
+  task_entry& entry = _entries[key_type(type, version)];
+  if (!entry.comparator) entry.comparator = std::make_unique<task_type_comparator<T>>(type);
   unsigned long sequence = counter;
   counter = counter + 1;
   if (order == task_handler_order::last) sequence = std::numeric_limits<unsigned long>::max() - sequence;
-  entry.handlers.push_back(std::make_shared<task_mapping<T>>(std::move(handler), order, sequence));
+  entry.handlers.push_back(std::make_shared<task_mapping<T>>(std::move(handler), order, sequence, type));
   sort(entry);
 }
 
@@ -108,6 +117,16 @@ void task_channel::register_task_handler(void (C::*method)(task_ptr<T>&), C* obj
   register_task_type_and_version(task_type::identify<T>(), version);
   task_dispatcher& dispatcher = (*_dispatchers)[worker_id()];
   dispatcher.register_task_handler(method, object, order, version);
+}
+
+template <typename T, typename C>
+void task_channel::register_task_handler_as(const task_type& type, void (C::*method)(task_ptr<T>&), C* object,
+                                            task_handler_order order, unsigned long version) {
+  register_task_type_and_version(type, version);
+  task_dispatcher& dispatcher = (*_dispatchers)[worker_id()];
+  dispatcher.register_task_handler_as<T>(
+      type, std::function<void(task_ptr<T>&)>([object, method](task_ptr<T>& t) { (object->*method)(t); }), order,
+      version);
 }
 
 template <typename C>
