@@ -1,5 +1,7 @@
 #include <faitra/host/capture_filter.hpp>
 
+#include <faitra/host/capture_attributes.hpp>
+
 #include <sys/stat.h>
 
 namespace faitra_host {
@@ -37,16 +39,40 @@ bool capture_filter::has_capture_suffix(const std::string& name_or_path) const {
   return false;
 }
 
+void capture_filter::note(state& s, const std::string& name, const std::string& reason) {
+  for (const scan_problem& p : s.problems) {
+    if (p.name == name) return;
+  }
+  s.problems.push_back({name, reason});
+}
+
 bool capture_filter::operator()(const std::string& name_or_path) const {
   if (!has_capture_suffix(name_or_path)) return false;
   const std::string name = base_name(name_or_path);
   std::lock_guard<std::mutex> lock(_state->mutex);
   if (_state->excluded.count(name) != 0) return false;
+  if (_state->validate && name == name_or_path && name != _state->last_accepted) {
+    std::vector<std::string> paths;
+    std::string bad;
+    struct stat status {};
+    for (const std::string& dir : _state->watched_dirs) {
+      const std::string path = dir + "/" + name;
+      if (::lstat(path.c_str(), &status) != 0) continue;
+      paths.push_back(path);
+      const attribute_values values = read_capture_attributes(path);
+      if (!values.malformed.empty() && bad.empty()) bad = values.malformed.front();
+    }
+    if (!bad.empty()) {
+      _state->malformed.insert(paths.begin(), paths.end());
+      note(*_state, name, "malformed attribute " + bad + "; catalogued without it");
+      return false;
+    }
+  }
   if (name == name_or_path && name == _state->last_accepted) {
     // Offered again at once: its stat failed.
     ++_state->repeats;
     if (!exists_in_any(_state->watched_dirs, name) || _state->repeats >= MAX_STAT_RETRIES) {
-      _state->problems.push_back({name, "vanished or unreadable during the scan"});
+      note(*_state, name, "vanished or unreadable during the scan");
       _state->last_accepted.clear();
       _state->repeats = 0;
       return false;
@@ -68,7 +94,25 @@ std::string capture_filter::last_accepted() const {
 void capture_filter::exclude(const std::string& name, const std::string& reason) {
   std::lock_guard<std::mutex> lock(_state->mutex);
   _state->excluded.insert(name);
-  _state->problems.push_back({name, reason});
+  note(*_state, name, reason);
+}
+
+void capture_filter::validate_attributes() {
+  std::lock_guard<std::mutex> lock(_state->mutex);
+  _state->validate = true;
+  // The name a failed scan was loading is offered first thing again.
+  _state->last_accepted.clear();
+  _state->repeats = 0;
+}
+
+bool capture_filter::validating() const {
+  std::lock_guard<std::mutex> lock(_state->mutex);
+  return _state->validate;
+}
+
+std::vector<std::string> capture_filter::malformed_paths() const {
+  std::lock_guard<std::mutex> lock(_state->mutex);
+  return {_state->malformed.begin(), _state->malformed.end()};
 }
 
 std::vector<scan_problem> capture_filter::problems() const {

@@ -140,12 +140,21 @@ capture_daemon::capture_daemon(daemon_options options)
         std::make_unique<cdl::worker_group>(*_core, cdl::worker_group_config{1, "Tracker Worker Group"});
     _tracker_listeners = std::make_unique<cdl::task_listener_group>(*_tracker_workers);
 
+    if (_options.derive_metadata) {
+      // Before the scan, whose tasks for captures without attributes it takes.
+      _deriver = std::make_unique<metadata_deriver>(*_tracker_listeners, true, _log.get());
+    }
     _log->info("Scanning %s (%lu watched director%s)", _options.root,
                static_cast<unsigned long>(_options.watch.size()), _options.watch.size() == 1 ? "y" : "ies");
     catalogue built =
         build_catalogue(*_tracker_listeners, _options.root, _options.watch, true, _filter, _tracker_log.get());
     _cache = std::move(built.cache);
     _tracker = std::move(built.tracker);
+    if (_deriver) {
+      _deriver->attach(_cache);
+      _deriver->watch();
+      for (const std::string& path : built.malformed) _deriver->submit(path);
+    }
     for (const scan_problem& p : _filter.problems()) {
       _log->write(cdl::log_priority::warning, "Start-up scan skipped %s: %s", p.name, p.reason);
     }
@@ -168,6 +177,11 @@ capture_daemon::capture_daemon(daemon_options options)
     _reconciler = std::make_unique<reconciler>(_cache, *_tracker, *_tracker_listeners, _options.suffixes,
                                                _options.reconcile_interval, _counters, _log.get());
     _reconciler->already_reported(_filter.problems());
+    if (_deriver) {
+      metadata_deriver* deriver = _deriver.get();
+      _reconciler->derive_with([deriver](csl::fs_entry& record) { deriver->overlay(record); },
+                               [deriver](const std::string& path) { deriver->submit(path); });
+    }
     _runtime.start();
     _jobs = std::make_unique<job_runner>(_log.get());
     _reconciler->start();
@@ -193,6 +207,7 @@ void capture_daemon::shutdown() {
   if (_history) _history->stop();
   if (_jobs) _jobs->stop();
   if (_reconciler) _reconciler->stop();
+  if (_deriver) _deriver->stop();
   _runtime.stop();
   if (_tracker) _tracker->stop_monitoring();
   _tracker_listeners.reset();
@@ -202,6 +217,7 @@ void capture_daemon::shutdown() {
   _tracker.reset();
   _cache.reset();
   _reconciler.reset();
+  _deriver.reset();
   _jobs.reset();
   _history_seen.store(nullptr);
   _history.reset();
@@ -281,6 +297,13 @@ metrics_sample capture_daemon::sample_metrics() {
   const retention_window window = read_retention(*_cache);
   s.oldest_start = window.oldest_start;
   s.newest_start = window.newest_start;
+  if (_deriver) {
+    const derive_counters& d = _deriver->counters();
+    s.derived = d.derived.load();
+    s.derive_bytes_read = d.bytes_read.load();
+    s.derive_failures = d.failures.load();
+    s.derive_queue = _deriver->queued();
+  }
   return s;
 }
 

@@ -79,6 +79,13 @@ std::string render_metrics(const metrics_sample& s) {
   sample_line(out, "faitra_drift_repaired_total", "{kind=\"added\"}", s.drift_added);
   sample_line(out, "faitra_drift_repaired_total", "{kind=\"removed\"}", s.drift_removed);
   sample_line(out, "faitra_drift_repaired_total", "{kind=\"updated\"}", s.drift_updated);
+  single(out, "faitra_derived_total", "counter", "Captures whose metadata was derived from their packets.", s.derived);
+  single(out, "faitra_derive_read_bytes_total", "counter", "Bytes read to derive capture metadata.",
+         s.derive_bytes_read);
+  single(out, "faitra_derive_failures_total", "counter",
+         "Captures whose metadata could not be derived (not a capture, unreadable, no timed packet).",
+         s.derive_failures);
+  single(out, "faitra_derive_queue", "gauge", "Captures waiting for their metadata to be derived.", s.derive_queue);
   single(out, "faitra_scan_problems", "gauge", "Files skipped by the start-up scan.", s.scan_problems);
   single(out, "faitra_handler_failures_total", "counter", "Exceptions that escaped a task handler.",
          s.handler_failures);

@@ -1,5 +1,6 @@
 #include <faitra/host/reconcile.hpp>
 
+#include <faitra/host/capture_attributes.hpp>
 #include <faitra/host/catalogue.hpp>
 
 #include <csl/fs_reader.hpp>
@@ -15,16 +16,6 @@
 namespace faitra_host {
 
 namespace {
-
-const std::string HASH_ATTRIBUTE = "user.pcap_hash";
-const std::string START_ATTRIBUTE = "user.pcap_start_ts";
-const std::string END_ATTRIBUTE = "user.pcap_end_ts";
-const std::string CREATION_ATTRIBUTE = "user.pcap_creation_ts";
-
-std::string base_name(const std::string& path) {
-  const auto slash = path.rfind('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
 
 long now_seconds() { return static_cast<long>(std::time(nullptr)); }
 
@@ -46,24 +37,38 @@ const std::string& reconcile_task::name() const { return name_static(); }
 
 std::unique_ptr<csl::fs_cache> scan_directories(const std::set<std::string>& dirs,
                                                 const std::vector<std::string>& suffixes,
-                                                std::vector<scan_problem>& problems) {
+                                                std::vector<scan_problem>& problems, const record_overlay& overlay) {
   capture_filter filter(suffixes, dirs);
   const csl::fs_reader::entry_callback ignore = [](csl::fs_entry&) {};
-  for (unsigned attempt = 1;; ++attempt) {
+  for (;;) {
     auto cache = std::make_unique<csl::fs_cache>();
     csl::fs_reader reader(filter, csl::fs_tracker::EMPTY_FILE_SIZE_LIMIT, HASH_ATTRIBUTE, START_ATTRIBUTE,
                           END_ATTRIBUTE, CREATION_ATTRIBUTE, {}, nullptr);
     try {
       for (const std::string& dir : dirs) reader.collect_files(dir, *cache, ignore, ignore);
-      problems = filter.problems();
-      return cache;
-    } catch (const cdl::unrecognized_value_error& e) {
-      if (attempt >= MAX_ATTEMPTS) throw;
-      filter.exclude(filter.last_accepted(), std::string("malformed attribute: ") + e.what());
-    } catch (const cdl::not_in_range_error& e) {
-      if (attempt >= MAX_ATTEMPTS) throw;
-      filter.exclude(filter.last_accepted(), std::string("attribute out of range: ") + e.what());
+    } catch (const cdl::exception& e) {
+      const bool attribute = dynamic_cast<const cdl::unrecognized_value_error*>(&e) != nullptr ||
+                             dynamic_cast<const cdl::not_in_range_error*>(&e) != nullptr;
+      if (!attribute || filter.validating()) throw;
+      filter.validate_attributes();
+      continue;
     }
+    catalogue_leniently(*cache, filter.malformed_paths());
+    problems = filter.problems();
+    if (overlay) {
+      std::vector<csl::fs_entry> lacking;
+      {
+        csl::fs_cache::shared_guard lock(*cache);
+        for (const auto& [path, record] : cache->path_cache()) {
+          if (record->key.is_null() || record->start_ts.is_null() || record->end_ts.is_null()) lacking.push_back(*record);
+        }
+      }
+      for (csl::fs_entry& record : lacking) {
+        overlay(record);
+        cache->update(record);
+      }
+    }
+    return cache;
   }
 }
 
@@ -116,6 +121,11 @@ reconciler::reconciler(std::shared_ptr<csl::fs_cache> cache, csl::fs_tracker& tr
 }
 
 reconciler::~reconciler() { stop(); }
+
+void reconciler::derive_with(record_overlay overlay, std::function<void(const std::string&)> unattributed) {
+  _overlay = std::move(overlay);
+  _unattributed = std::move(unattributed);
+}
 
 void reconciler::already_reported(const std::vector<scan_problem>& problems) {
   std::lock_guard<std::mutex> lock(_mutex);
@@ -198,7 +208,7 @@ void reconciler::thread_body() {
 
 reconcile_result reconciler::run_once() {
   reconcile_result result;
-  std::unique_ptr<csl::fs_cache> disk = scan_directories(_tracker.paths(), _suffixes, result.problems);
+  std::unique_ptr<csl::fs_cache> disk = scan_directories(_tracker.paths(), _suffixes, result.problems, _overlay);
   std::vector<std::string> paths = differing_paths(*_cache, *disk);
   disk.reset();
   if (!paths.empty()) {
@@ -260,13 +270,13 @@ void reconciler::repair(const std::string& path, reconcile_result& result) {
   }
 
   csl::fs_reader& reader = _tracker.reader();  // ours to use: we run on the tracker's channel
+  if (!reader.load_attributes(fresh)) return;  // vanished just now: the tracker will see it
   try {
-    if (!reader.load_attributes(fresh)) return;  // vanished just now: the tracker will see it
     reader.load_extended_attributes(fresh);
-  } catch (const cdl::exception& e) {
-    result.problems.push_back({base_name(path), std::string("unreadable attributes: ") + e.what()});
-    return;
+  } catch (const cdl::exception&) {
+    read_capture_attributes(path).apply_to(fresh);  // the malformed ones read as absent
   }
+  if (_overlay) _overlay(fresh);
 
   {
     csl::fs_cache::guard lock(*_cache);  // exclusive: nobody marks a record meanwhile
@@ -281,6 +291,7 @@ void reconciler::repair(const std::string& path, reconcile_result& result) {
         ++result.added;
         _counters.drift_added.fetch_add(1);
         if (_log != nullptr) _log->info("Reconcile: %s was not catalogued; added", path);
+        if (fresh.key.is_null() && _unattributed) _unattributed(path);
       }
       return;
     }

@@ -393,6 +393,29 @@ void http_api::install(httplib::Server& server) {
       w.null_value();
     }
     w.end_object();
+    w.key("derivation", true);
+    const metadata_deriver* deriver = d.deriver();
+    if (deriver == nullptr) {
+      w.null_value();
+    } else {
+      const derive_counters& c = deriver->counters();
+      w.begin_object();
+      w.key("derived", true);
+      w.value<unsigned long>(m.derived);
+      w.key("bytes_read", true);
+      w.value<unsigned long>(m.derive_bytes_read);
+      w.key("failures", true);
+      w.value<unsigned long>(m.derive_failures);
+      w.key("queued", true);
+      w.value<unsigned long>(m.derive_queue);
+      w.key("attributes_read", true);
+      w.value<unsigned long>(c.attributes_read.load());
+      w.key("kept_in_memory", true);
+      w.value<unsigned long>(c.memory_only.load());
+      w.key("dropped", true);
+      w.value<unsigned long>(c.dropped.load());
+      w.end_object();
+    }
     w.key("handler_failures", true);
     w.value<unsigned long>(m.handler_failures);
     w.end_object();

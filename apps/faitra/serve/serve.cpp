@@ -54,6 +54,8 @@ struct serve_options {
   bool verbose = false;
   unsigned long reconcile_interval = 60;
   unsigned max_retrievals = http_api::DEFAULT_MAX_RETRIEVALS;
+  bool derive_metadata = false;  // the default anyway; kept for explicit configurations
+  bool no_derive_metadata = false;
 };
 
 const std::map<std::string, cdl::log_priority::value> LOG_LEVELS = {
@@ -107,6 +109,7 @@ int run_serve(const serve_options& cli, bool log_level_given) {
   options.log_level = cli.verbose && !log_level_given ? cdl::log_priority::debug : cli.log_level;
   options.verbose = cli.verbose;
   options.reconcile_interval = std::chrono::seconds(cli.reconcile_interval);
+  options.derive_metadata = !cli.no_derive_metadata;
 
   // Each directory scan (at start and at every reconcile) takes a 16 MB
   // buffer. glibc serves the first from mmap, but on its release raises its
@@ -269,6 +272,11 @@ void register_serve(CLI::App& app, int& exit_code) {
                   "Retry-After. Each has a server thread of its own")
       ->capture_default_str()
       ->check(CLI::Range(1U, 16U));
+  sub->add_flag("--derive-metadata", cli->derive_metadata,
+                "Derive the key, start, end and creation time of captures that lack their attributes from their "
+                "packets, and set the attributes on the files (the default)");
+  sub->add_flag("--no-derive-metadata", cli->no_derive_metadata,
+                "Leave captures without attributes without times and key");
   sub->add_option("--config", cli->config,
                   "TOML file of options (e.g. /etc/faitra/faitra.toml): every option above is a key, named "
                   "without its dashes; options on the command line win over the file");

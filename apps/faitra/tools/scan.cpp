@@ -120,8 +120,9 @@ void register_scan(CLI::App& app, int& exit_code) {
       "  {\"path\":...,\"key\":...,\"creation_ts\":...,\"start_ts\":...,\"end_ts\":...,\"file_size\":...,"
       "\"pending_deletion\":false}\n"
       "key, start_ts and end_ts are null when the file lacks the attribute; creation_ts falls back to the\n"
-      "modification time in seconds. A file whose numeric attribute cannot be parsed, or that vanishes\n"
-      "during the scan, is left out and reported on standard error; the exit status stays 0.\n"
+      "modification time in seconds. A file whose numeric attribute cannot be parsed is listed with that\n"
+      "attribute treated as absent, and reported on standard error, as is a file that vanishes during the\n"
+      "scan (left out); the exit status stays 0.\n"
       "Exit status 1 when a DIR is missing, is not a directory or cannot be read.\n");
   sub->add_option("DIR", options->dirs, "Capture directories")->required();
   sub->add_option("--suffix", options->suffixes,

@@ -11,7 +11,14 @@
 //    it failed; once the file is gone from every watched directory (or after
 //    MAX_STAT_RETRIES offers) the name is refused, which ends the scan's
 //    retry of that entry.
-// Every refusal of either kind is recorded as a scan problem.
+// Every refusal of either kind is recorded as a scan problem, once per
+// name.
+//
+// After validate_attributes(), a bare name (the scan's form) whose file has
+// a numeric attribute that does not parse, in any watched directory, is
+// refused too and its paths are listed by malformed_paths(): the host
+// catalogues those itself with the bad attribute treated as absent. Full
+// paths (the monitor's form) are never refused for their attributes.
 //
 // Thread-safety: all copies share one mutex-protected state.
 #pragma once
@@ -45,6 +52,13 @@ class capture_filter {
 
   bool has_capture_suffix(const std::string& name_or_path) const;
 
+  // From now on, scans check the numeric attributes before the library
+  // reads them.
+  void validate_attributes();
+  bool validating() const;
+  // Full paths refused for a malformed attribute, in path order.
+  std::vector<std::string> malformed_paths() const;
+
  private:
   struct state {
     std::mutex mutex;
@@ -54,7 +68,11 @@ class capture_filter {
     std::string last_accepted;
     unsigned repeats = 0;
     std::vector<scan_problem> problems;
+    bool validate = false;
+    std::set<std::string> malformed;  // full paths
   };
+  // With the state locked: records a problem unless the name has one.
+  static void note(state& s, const std::string& name, const std::string& reason);
   std::shared_ptr<state> _state;
 };
 

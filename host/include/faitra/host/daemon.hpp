@@ -24,6 +24,7 @@
 #include <faitra/host/capture_filter.hpp>
 #include <faitra/host/cleanup_history.hpp>
 #include <faitra/host/daemon_command.hpp>
+#include <faitra/host/metadata_deriver.hpp>
 #include <faitra/host/metrics.hpp>
 #include <faitra/host/reconcile.hpp>
 
@@ -65,6 +66,7 @@ struct daemon_options {
   cdl::log_priority::value log_level = cdl::log_priority::info;
   bool verbose = false;
   std::chrono::seconds reconcile_interval{60};
+  bool derive_metadata = true;  // derive what writers left out, from the packets
 };
 
 // One thread that runs accepted jobs (age and metadata cleanups) in order.
@@ -110,6 +112,8 @@ class capture_daemon {
   csl::fs_storage& storage() { return *_storage; }
   csl::fs_cleaner& cleaner() { return *_cleaner; }
   reconciler& reconcile() { return *_reconciler; }
+  // Null when derivation is off.
+  const metadata_deriver* deriver() const { return _deriver.get(); }
   job_runner& jobs() { return *_jobs; }
   const cleanup_history& history() const { return *_history; }
   const daemon_counters& counters() const { return _counters; }
@@ -144,6 +148,7 @@ class capture_daemon {
   std::atomic<csl::fs_cleaner*> _cleaner_seen{nullptr};  // for the reset callback
   std::atomic<long> _last_reset_request{std::numeric_limits<long>::min() / 2};  // steady seconds
   std::unique_ptr<reconciler> _reconciler;
+  std::unique_ptr<metadata_deriver> _deriver;  // outlives the tracker's listener group
   std::unique_ptr<job_runner> _jobs;
   std::unique_ptr<cleanup_history> _history;
   std::atomic<cleanup_history*> _history_seen{nullptr};  // for the cleaner's callbacks

@@ -10,7 +10,8 @@
 //    tracker's own deleted handler and looks the record up while it is still
 //    catalogued; its deletion marker says who deleted it (a request, a
 //    cleanup, or nobody: removed by someone else);
-//  - drift repaired: counted by the reconcile as it repairs.
+//  - drift repaired: counted by the reconcile as it repairs;
+//  - metadata derived from packets: counted by the deriver.
 //
 // Thread-safety: counters are atomics; render_metrics is pure.
 #pragma once
@@ -55,6 +56,10 @@ struct metrics_sample {
   // the newest capture; empty without dated captures.
   std::optional<unsigned long> oldest_start;
   std::optional<unsigned long> newest_start;
+  unsigned long derived = 0;
+  unsigned long derive_bytes_read = 0;
+  unsigned long derive_failures = 0;
+  unsigned long derive_queue = 0;
 };
 
 // Copies the counters into `sample` (the gauges are left as they are).

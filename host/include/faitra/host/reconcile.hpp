@@ -49,6 +49,7 @@
 #include <cdl/task_system.hpp>
 
 #include <chrono>
+#include <functional>
 #include <condition_variable>
 #include <future>
 #include <memory>
@@ -84,11 +85,18 @@ class reconcile_task : public cdl::task {
   std::shared_ptr<std::promise<reconcile_result>> done;
 };
 
-// Scans `dirs` into a new catalogue as the start-up scan would, leaving out
-// (and reporting in `problems`) files whose attributes cannot be parsed.
+// Lends a record read from the disk the metadata the host keeps for it in
+// memory (derived values a file could not store).
+using record_overlay = std::function<void(csl::fs_entry&)>;
+
+// Scans `dirs` into a new catalogue as the start-up scan would: a file
+// whose attributes cannot be parsed is catalogued with those treated as
+// absent (and reported in `problems`); `overlay`, if set, is applied to
+// every record without a full set of metadata.
 std::unique_ptr<csl::fs_cache> scan_directories(const std::set<std::string>& dirs,
                                                 const std::vector<std::string>& suffixes,
-                                                std::vector<scan_problem>& problems);
+                                                std::vector<scan_problem>& problems,
+                                                const record_overlay& overlay = {});
 
 // The paths whose records differ between the two catalogues, in path order:
 // present in only one, or with different metadata (hash, timestamps, size).
@@ -112,6 +120,9 @@ class reconciler {
   // Problems already reported elsewhere (by the start-up scan) are not
   // logged again.
   void already_reported(const std::vector<scan_problem>& problems);
+  // Before start(): the host's in-memory metadata, and where to send a
+  // capture the reconcile catalogued without a key.
+  void derive_with(record_overlay overlay, std::function<void(const std::string&)> unattributed);
 
   // Starts the thread; the first run happens at once (it covers the gap
   // between the start-up scan and the start of watching).
@@ -151,6 +162,8 @@ class reconciler {
   unsigned long _last_generation = 0;  // generation of the run `_last` describes
   std::optional<reconcile_result> _last;
   std::set<std::string> _reported;  // problem names already logged
+  record_overlay _overlay;
+  std::function<void(const std::string&)> _unattributed;
   std::thread _thread;
 };
 
