@@ -10,6 +10,7 @@ namespace faitra_cli {
 void register_serve(CLI::App& app, int& exit_code);
 void register_scan(CLI::App& app, int& exit_code);
 void register_gen(CLI::App& app, int& exit_code);
+void register_tag(CLI::App& app, int& exit_code);
 void register_client(CLI::App& app, int& exit_code);
 void register_extract(CLI::App& app, int& exit_code);
 

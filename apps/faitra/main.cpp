@@ -18,6 +18,7 @@ int main(int argc, char** argv) {
   faitra_cli::register_serve(app, exit_code);
   faitra_cli::register_scan(app, exit_code);
   faitra_cli::register_gen(app, exit_code);
+  faitra_cli::register_tag(app, exit_code);
   faitra_cli::register_client(app, exit_code);
   faitra_cli::register_extract(app, exit_code);
   // `serve --config FILE` adds the file's options to the arguments.
