@@ -163,6 +163,23 @@ def cleanup(tools, repetitions, with_pauses):
     return result
 
 
+def derivation(tools, repetitions, quick):
+    """Derivation against a plain read over the same bytes, and close-to-visible latency."""
+    directory = os.path.join(tempfile.gettempdir(), "faitra-bench-derive")
+    mib = 512 if quick else 2048
+    log(f"derivation over {mib} MiB x {repetitions}")
+    runs = [run_json([tools["derive_bench"], directory, str(mib), "3"]) for _ in range(repetitions)]
+    throughput = {key: summary([r[key]["median"] if isinstance(r[key], dict) else r[key] for r in runs])
+                  for key in ("read_s", "derive_s", "ratio", "read_gbps", "derive_gbps")}
+    log("derivation latency over 10 MiB captures")
+    files = 50 if quick else 200
+    lat_runs = [run_json([sys.executable, os.path.join(HERE, "derive_latency.py"), tools["faitra"], str(files), "10"])
+                for _ in range(1 if quick else 3)]
+    latency = {key: summary([r[key] for r in lat_runs]) for key in ("p50_ms", "p99_ms", "max_ms", "read_ms")}
+    latency.update({"files": files, "mib": 10})
+    return {"throughput": throughput, "latency": latency}
+
+
 def profile(tools):
     """perf profile of the library-level scan of 100,000 captures: share of
     samples in the kernel and in user space, and the top user symbols."""
@@ -206,7 +223,7 @@ def main():
         return
     tools = {name: os.path.join(args.build, "bench", name) for name in
              ("make_captures", "scan_floor", "lib_scan", "cache_bench", "memory_bench", "freshness_bench",
-              "throughput_bench", "cleanup_bench")}
+              "throughput_bench", "cleanup_bench", "derive_bench")}
     tools["faitra"] = os.path.join(args.build, "apps", "faitra")
     reps = 2 if args.quick else 5
     results = {"load_before": os.getloadavg(), "started": time.strftime("%Y-%m-%d %H:%M:%S UTC", time.gmtime()),
@@ -217,6 +234,7 @@ def main():
     results["freshness"] = freshness(tools, 3 if not args.quick else 1, 1000 if not args.quick else 200)
     results["throughput"] = throughput(tools, [1000, 5000, 20000], 2, 3 if not args.quick else 1)
     results["cleanup"] = cleanup(tools, reps, not args.quick)
+    results["derivation"] = derivation(tools, 3 if not args.quick else 1, args.quick)
     results["profile"] = profile(tools)
     results["load_after"] = os.getloadavg()
     with open(os.path.join(args.build, "bench-results.json"), "w") as f:
