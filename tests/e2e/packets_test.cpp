@@ -156,8 +156,9 @@ class PacketsTest : public ::testing::Test {
   }
   void SetUp() override {
     if (!_skip.empty()) GTEST_SKIP() << _skip;
-    _daemon = std::make_unique<daemon_process>(
-        std::vector<std::string>{"--root", _dir->path(), "--no-auto-cleanup", "--reconcile-interval", "0"});
+    // d.pcap stays without times: derivation would give it some.
+    _daemon = std::make_unique<daemon_process>(std::vector<std::string>{
+        "--root", _dir->path(), "--no-auto-cleanup", "--reconcile-interval", "0", "--no-derive-metadata"});
     ASSERT_TRUE(_daemon->wait_ready());
   }
 
