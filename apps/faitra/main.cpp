@@ -2,6 +2,7 @@
 // system under a usage ceiling.
 #include "commands.hpp"
 #include "serve/config_file.hpp"
+#include <faitra/host/daemon.hpp>
 
 #include <CLI/CLI.hpp>
 
@@ -13,6 +14,8 @@ int main(int argc, char** argv) {
   CLI::App app{
       "faitra keeps a directory of packet-capture files catalogued and under a disk-usage ceiling.\n"
       "Run 'faitra SUBCOMMAND --help' for the options of each subcommand."};
+  app.set_version_flag("--version", std::string("faitra ") + faitra_host::faitra_version(),
+                       "Print the version and exit");
   app.require_subcommand(1);
   int exit_code = 0;
   faitra_cli::register_serve(app, exit_code);

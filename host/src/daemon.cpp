@@ -14,7 +14,7 @@
 #include <stdexcept>
 
 #ifndef FAITRA_VERSION
-#define FAITRA_VERSION "unknown"
+#error "FAITRA_VERSION must be defined by the build"
 #endif
 
 namespace faitra_host {

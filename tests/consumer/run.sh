@@ -27,6 +27,17 @@ quietly() {
 
 quietly install cmake --install "$build_dir" --prefix "$prefix"
 
+# The installed command starts by itself: its libraries are found next to it
+# (no ldconfig, no LD_LIBRARY_PATH), in this prefix and not elsewhere.
+if [ -x "$prefix/bin/faitra" ]; then
+  version=$(env -u LD_LIBRARY_PATH "$prefix/bin/faitra" --version)
+  [ "$version" = "faitra $(sed -n 's/^Version: //p' "$build_dir/faitra.pc")" ] || { echo "--version: $version" >&2; exit 1; }
+  libraries=$(env -u LD_LIBRARY_PATH ldd "$prefix/bin/faitra")
+  for lib in libfaitra_host.so.0 libfaitra.so.0 libfaitra_runtime.so.0; do
+    grep -q "$lib => $prefix/" <<<"$libraries" || { echo "$lib is not taken from $prefix" >&2; echo "$libraries" >&2; exit 1; }
+  done
+fi
+
 generator=()
 if command -v ninja >/dev/null; then generator=(-G Ninja); fi
 quietly configure cmake -S "$here" -B "$work/cmake-build" "${generator[@]}" \
@@ -35,6 +46,8 @@ quietly build cmake --build "$work/cmake-build"
 "$work/cmake-build/faitra_consumer"
 
 pc_dir=$(dirname "$(find "$prefix" -name faitra.pc -print -quit)")
+grep -qx RapidJSON <<<"$(PKG_CONFIG_PATH="$pc_dir" pkg-config --print-requires faitra)" ||
+  { echo "faitra.pc does not require RapidJSON" >&2; exit 1; }
 flags=$(PKG_CONFIG_PATH="$pc_dir" pkg-config --cflags --libs faitra-host)
 # shellcheck disable=SC2086  # the flags are meant to split
 "$cxx" -Wall -Wextra -Werror "$here/main.cpp" -o "$work/pc-consumer" $flags
