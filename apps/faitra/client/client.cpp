@@ -5,6 +5,7 @@
 // not be reached (the reason goes to standard error).
 #include "commands.hpp"
 #include "client/daemon_client.hpp"
+#include "option_values.hpp"
 #include <faitra/host/daemon_address.hpp>
 #include <faitra/host/time_text.hpp>
 
@@ -216,7 +217,7 @@ void register_ls(CLI::App& app, int& exit_code) {
       ->check(CLI::IsMember({"overlap", "start"}))
       ->capture_default_str()
       ->needs(start);
-  sub->add_option("--limit", o->limit, "List at most this many captures");
+  sub->add_option("--limit", o->limit, "List at most this many captures")->check(unsigned_value(1));
   sub->callback([o, &exit_code] {
     exit_code = guarded([&] {
       httplib::Params params;

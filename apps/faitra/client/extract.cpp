@@ -15,6 +15,7 @@
 // Exit status: 0 when the whole file was written, 1 otherwise.
 #include "commands.hpp"
 #include "client/daemon_client.hpp"
+#include "option_values.hpp"
 
 #include <faitra/host/capture_overlap.hpp>
 #include <faitra/host/capture_summary.hpp>
@@ -363,10 +364,10 @@ void register_extract(CLI::App& app, int& exit_code) {
   sub->add_option("--filter", o->filter, "BPF filter expression, as tcpdump takes it (default: every packet)");
   sub->add_option("-w,--write", o->write, "Where to write the capture: FILE, or - for standard output")
       ->capture_default_str();
-  sub->add_option("--limit-packets", o->limit_packets, "Stop after this many packets")->check(CLI::PositiveNumber);
+  sub->add_option("--limit-packets", o->limit_packets, "Stop after this many packets")->check(unsigned_value(1));
   sub->add_option("--limit-bytes", o->limit_bytes,
                   "Stop before the file would grow beyond this many bytes (its header is always written)")
-      ->check(CLI::PositiveNumber);
+      ->check(unsigned_value(1));
   auto* dir = sub->add_option("--dir", o->dir, "Read this capture directory directly instead of asking the daemon");
   sub->add_option("--suffix", o->suffixes, "With --dir: file name endings of captures (default: .pcap, .pcapng)")
       ->needs(dir)

@@ -1,5 +1,6 @@
 // faitra serve: the daemon.
 #include "commands.hpp"
+#include "option_values.hpp"
 #include <faitra/host/daemon.hpp>
 #include "serve/config_file.hpp"
 #include "serve/http_api.hpp"
@@ -58,12 +59,8 @@ struct serve_options {
   bool no_derive_metadata = false;
 };
 
-const std::map<std::string, cdl::log_priority::value> LOG_LEVELS = {
-    {"emerg", cdl::log_priority::emerg}, {"alert", cdl::log_priority::alert},
-    {"crit", cdl::log_priority::crit},   {"error", cdl::log_priority::error},
-    {"warning", cdl::log_priority::warning}, {"notice", cdl::log_priority::notice},
-    {"info", cdl::log_priority::info},   {"debug", cdl::log_priority::debug},
-};
+// The longest --reconcile-interval: a year (0 turns the periodic runs off).
+constexpr unsigned long MAX_RECONCILE_INTERVAL_SECONDS = 365UL * 24 * 3600;
 
 // Removes a socket file left behind by an earlier run; refuses to touch
 // anything that is not a socket.
@@ -223,11 +220,11 @@ void register_serve(CLI::App& app, int& exit_code) {
   sub->add_option("--trigger", cli->trigger,
                   "Fraction of the file system in use (0 to 1) at which the automatic cleanup starts")
       ->capture_default_str()
-      ->check(CLI::Range(0.0F, 1.0F));
+      ->check(number_value(0.0, 1.0));
   sub->add_option("--stop", cli->stop,
                   "Fraction in use below which the automatic cleanup stops deleting; 0 < stop <= trigger <= 1")
       ->capture_default_str()
-      ->check(CLI::Range(0.0F, 1.0F));
+      ->check(number_value(0.0, 1.0));
   sub->add_flag("--no-auto-cleanup", cli->no_auto_cleanup,
                 "Never delete captures by disk usage (age and metadata cleanups on request still work)");
   sub->add_option("--suffix", cli->suffixes,
@@ -257,21 +254,21 @@ void register_serve(CLI::App& app, int& exit_code) {
       ->capture_default_str()
       ->check(CLI::IsMember({"text", "json"}));
   auto* level = sub->add_option("--log-level", cli->log_level,
-                                "Most verbose priority logged: emerg, alert, crit, error, warning, notice, info "
-                                "or debug (default: info)")
+                                std::string("Most verbose priority logged: ") + LOG_LEVEL_NAMES + " (default: info)")
                     ->type_name("LEVEL")
-                    ->transform(CLI::CheckedTransformer(LOG_LEVELS, CLI::ignore_case).description(""));
+                    ->transform(log_level_value());
   sub->add_flag("--verbose", cli->verbose,
                 "Log each cleanup decision with its figures; implies --log-level debug unless one is given");
   sub->add_option("--reconcile-interval", cli->reconcile_interval,
                   "Seconds between two reconciles of the catalogue with the directories; 0 runs them only at "
-                  "start and on request")
-      ->capture_default_str();
+                  "start and on request; at most a year")
+      ->capture_default_str()
+      ->check(unsigned_value(0, MAX_RECONCILE_INTERVAL_SECONDS));
   sub->add_option("--max-retrievals", cli->max_retrievals,
                   "Packet retrievals (GET /v1/packets) served at the same time; more are answered 503 with "
                   "Retry-After. Each has a server thread of its own")
       ->capture_default_str()
-      ->check(CLI::Range(1U, 16U));
+      ->check(unsigned_value(1, 16));
   sub->add_flag("--derive-metadata", cli->derive_metadata,
                 "Derive the key, start, end and creation time of captures that lack their attributes from their "
                 "packets, and set the attributes on the files (the default)");

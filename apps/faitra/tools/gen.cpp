@@ -1,6 +1,7 @@
 // faitra gen: writes synthetic captures into a directory the way a capture
 // writer does (see pcap_writer.hpp), at a steady rate.
 #include "commands.hpp"
+#include "option_values.hpp"
 #include <faitra/host/pcap_writer.hpp>
 
 #include <signal.h>
@@ -200,7 +201,9 @@ void register_gen(CLI::App& app, int& exit_code) {
       "previous one ended. SIGINT or SIGTERM stops after the file being written. A file that does not fit\n"
       "(no space left) is removed and dropped, and writing goes on. One line per file on standard output.\n");
   sub->add_option("DIR", options->dir, "Directory to write into (must exist)")->required();
-  sub->add_option("--count", options->count, "Number of files; 0 writes until interrupted")->capture_default_str();
+  sub->add_option("--count", options->count, "Number of files; 0 writes until interrupted")
+      ->capture_default_str()
+      ->check(unsigned_value());
   sub->add_option("--size", options->size, "Bytes per file; suffixes K, M, G, T (powers of 1024)")
       ->capture_default_str()
       ->check(CLI::Validator(
@@ -213,7 +216,7 @@ void register_gen(CLI::App& app, int& exit_code) {
           "SIZE"));
   sub->add_option("--rate", options->rate, "Files per second; 0 writes as fast as possible")
       ->capture_default_str()
-      ->check(CLI::NonNegativeNumber);
+      ->check(number_value(0.0));
   sub->add_option("--prefix", options->prefix, "File name prefix")->capture_default_str();
   sub->add_option("--start-time", options->start_time,
                   "Time of the first packet since the epoch: ns, or with a unit: 1700000000s, ...ms, ...us, ...ns "
