@@ -17,9 +17,12 @@ std::string to_str(unsigned long value);
 std::string to_str(long value);
 std::string to_str(const std::string& value);
 
-// Escapes `text` for inclusion between JSON double quotes: quote, backslash
-// and every control character below 0x20 are escaped; all other bytes,
-// UTF-8 sequences included, pass through unchanged.
+// Escapes `text` for inclusion between JSON double quotes, giving valid
+// UTF-8 whatever the bytes: quote, backslash and every control character
+// below 0x20 are escaped; well-formed UTF-8 sequences pass through
+// unchanged; each byte that is not part of one (Linux names are bytes) is
+// written as the lone surrogate escape \udcXX, XX being the byte (0x80 to
+// 0xff), from which a reader restores the exact bytes.
 std::string safe_quote(const std::string& text);
 
 // True when `text`, after leading white space, starts with a minus sign

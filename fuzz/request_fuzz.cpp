@@ -1,19 +1,25 @@
 // Runs the daemon's request parsing on any query string and body.
 //
 // Input: one byte choosing the endpoint, then the query string up to the
-// first newline, then the body. Allowed outcome: a parsed request, or
-// faitra_cli::api_error with status 400 or 413 and a message. Properties
-// of a parsed request: ranges are never inverted, a limit is at least 1, a
-// path is never empty, a timeline has 1 to 1000 buckets, a mode is one of
-// the three names, a nanosecond cut-off cannot overflow, and a packets request has a window, limits of at
-// least 1 and a filter within its bound.
+// first newline, then the body (for the Authorization check: the header
+// values, one per line, the last line being the token). Allowed outcome: a
+// parsed request, or faitra_cli::api_error with status 400, 401 (the
+// Authorization check only) or 413 and a message. Properties of a parsed
+// request: ranges are never inverted, a limit is at least 1, a path or key
+// is never empty, a path or mode holds no NUL byte, a timeline has 1 to 1000
+// buckets, a mode is one of the three names, a nanosecond cut-off cannot
+// overflow, a packets request has a window, limits of at least 1 and a
+// filter within its bound, and an accepted Authorization header names the
+// token.
 #include "fuzz_check.hpp"
 
 #include "api_request.hpp"
 
 #include <cstdint>
 #include <limits>
+#include <sstream>
 #include <string>
+#include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
@@ -24,19 +30,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace faitra_cli;
   try {
     check_body_size(body);
-    switch (data[0] % 10) {
+    switch (data[0] % 11) {
       case 0: {
         const list_request r = parse_list_request(target);
         if (r.range) FUZZ_CHECK(r.range->start <= r.range->end);
         FUZZ_CHECK(r.limit >= 1);
         break;
       }
-      case 1:
-        FUZZ_CHECK(!parse_lookup_request(target).empty());
+      case 1: {
+        const lookup_request r = parse_lookup_request(target);
+        FUZZ_CHECK(!r.value.empty() && r.value.find('\0') == std::string::npos);
         break;
+      }
       case 2: {
         const delete_request r = parse_delete_request(target);
-        if (r.what == delete_request::form::path) FUZZ_CHECK(!r.path.empty());
+        if (r.what == delete_request::form::path) FUZZ_CHECK(!r.path.empty() && r.path.find('\0') == std::string::npos);
         if (r.what == delete_request::form::range) FUZZ_CHECK(r.range.start <= r.range.end);
         break;
       }
@@ -70,6 +78,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const timeline_request r = parse_timeline_request(target);
         if (r.range) FUZZ_CHECK(r.range->start <= r.range->end);
         FUZZ_CHECK(r.buckets >= 1 && r.buckets <= faitra_host::MAX_TIMELINE_BUCKETS);
+        break;
+      }
+      case 10: {
+        std::vector<std::string> lines;
+        std::istringstream text(body);
+        for (std::string line; std::getline(text, line);) lines.push_back(line);
+        if (lines.empty()) break;
+        const std::string token = lines.back();
+        lines.pop_back();
+        try {
+          check_authorization(lines, token);
+          FUZZ_CHECK(lines.size() == 1 && lines[0].find(token) != std::string::npos);
+        } catch (const api_error& e) {
+          FUZZ_CHECK(e.status() == (lines.size() > 1 ? 400 : 401));
+        }
         break;
       }
       default:

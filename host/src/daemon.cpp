@@ -228,8 +228,12 @@ void capture_daemon::destroy_cleaner() {
   if (!_cleaner) return;
   const bool pausing = steady_seconds() - _last_reset_request.load() <=
                        static_cast<long>(csl::fs_cleaner::DISK_CACHE_SETTLE_SECONDS) + 1;
-  if (_cleaner->cleanup_in_progress() || pausing) {
-    _log->info("Waiting for the cleaner: a cleanup run or its %u-second pause is in progress",
+  // The cleaner pauses before every usage check, also when it then finds
+  // nothing to do: only a run that is removing captures is called a cleanup.
+  if (_cleaner->cleanup_in_progress()) {
+    _log->info("Waiting for the cleaner: a cleanup run is in progress; it stops after the capture it is deleting");
+  } else if (pausing) {
+    _log->info("Waiting for the cleaner: a usage check is in its %u-second pause; no cleanup is running",
                csl::fs_cleaner::DISK_CACHE_SETTLE_SECONDS);
   }
   _cleaner_seen.store(nullptr);

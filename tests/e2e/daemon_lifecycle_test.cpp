@@ -21,7 +21,8 @@ TEST(DaemonLifecycleTest, SigtermAndSigintStopCleanlyEvenWhileTheCleanerPauses) 
     ASSERT_TRUE(d.wait_ready());
     EXPECT_EQ(d.stop(sig), 0);
     EXPECT_TRUE(d.log_has(std::string("Received ") + name + "; stopping"));
-    EXPECT_TRUE(d.log_has("Waiting for the cleaner")) << d.log();
+    EXPECT_TRUE(d.log_has("Waiting for the cleaner: a usage check is in its 15-second pause; no cleanup is running"))
+        << d.log();
     EXPECT_TRUE(d.log_has("Stopped"));
     EXPECT_TRUE(faitra_e2e::exists(fs.file("a.pcap")));
     EXPECT_FALSE(faitra_e2e::exists(d.scratch("api.sock")));  // the socket file is removed

@@ -190,7 +190,7 @@ TEST_F(DaemonSecurityTest, NothingOutsideTheCatalogueCanBeDeleted) {
   for (const std::string& path : unreachable) {
     SCOPED_TRACE(path);
     const reply r = d->request("DELETE", "/v1/captures?path=" + httplib::detail::encode_query_param(path));
-    EXPECT_EQ(r.status, 404) << r.body;
+    EXPECT_EQ(r.status, path.find('\0') == std::string::npos ? 404 : 400) << r.body;  // a NUL byte is refused
   }
   settle(*d);
   EXPECT_EQ(d->catalogue(), before);

@@ -8,6 +8,7 @@
 #include "option_values.hpp"
 #include <faitra/host/daemon_address.hpp>
 #include <faitra/host/time_text.hpp>
+#include <faitra/host/escaped_bytes.hpp>
 
 #include <httplib.h>
 
@@ -106,7 +107,8 @@ int guarded(const std::function<void()>& body) {
 
 std::string text_of(const rapidjson::Value& v) {
   if (v.IsNull()) return "-";
-  if (v.IsString()) return v.GetString();
+  // Bytes that are not UTF-8 come escaped; print them as they are.
+  if (v.IsString()) return restore_escaped_bytes(std::string(v.GetString(), v.GetStringLength()));
   if (v.IsBool()) return v.GetBool() ? "yes" : "no";
   if (v.IsUint64()) return std::to_string(v.GetUint64());
   if (v.IsInt64()) return std::to_string(v.GetInt64());
@@ -203,23 +205,42 @@ void register_ls(CLI::App& app, int& exit_code) {
     std::optional<std::string> start, end;
     std::optional<unsigned long> limit;
     std::string match = "overlap";
+    std::optional<std::string> key, path;
   };
   auto o = std::make_shared<options>();
   auto* sub = app.add_subcommand("ls", "List the catalogued captures (all in path order, or those whose packets "
-                                       "overlap [--start, --end], in time order)");
+                                       "overlap [--start, --end], in time order), or look one up by --key or "
+                                       "--path");
   add_client_options(sub, *o);
   auto* start = sub->add_option("--start", o->start, std::string("Start of the range (with --end): ") + TIME_HELP);
   auto* end = sub->add_option("--end", o->end, "End of the range, inclusive (with --start)");
   start->needs(end);
   end->needs(start);
-  sub->add_option("--match", o->match,
-                  "With a range: overlap (first to last packet overlaps it) or start (first packet lies in it)")
-      ->check(CLI::IsMember({"overlap", "start"}))
-      ->capture_default_str()
-      ->needs(start);
-  sub->add_option("--limit", o->limit, "List at most this many captures")->check(unsigned_value(1));
+  auto* match = sub->add_option("--match", o->match,
+                                "With a range: overlap (first to last packet overlaps it) or start (first packet "
+                                "lies in it)")
+                    ->check(CLI::IsMember({"overlap", "start"}))
+                    ->capture_default_str()
+                    ->needs(start);
+  auto* limit = sub->add_option("--limit", o->limit, "List at most this many captures")->check(unsigned_value(1));
+  auto* key = sub->add_option("--key", o->key, "Show the capture with this hash (user.pcap_hash)");
+  auto* path = sub->add_option("--path", o->path, "Show the capture catalogued at exactly this path");
+  for (CLI::Option* lookup : {key, path}) lookup->excludes(start)->excludes(end)->excludes(match)->excludes(limit);
+  key->excludes(path);
   sub->callback([o, &exit_code] {
     exit_code = guarded([&] {
+      if (o->key || o->path) {
+        const answer a = call(*o, "GET", "/v1/captures/lookup",
+                              {{o->key ? "key" : "path", o->key ? *o->key : *o->path}});
+        if (o->json) {
+          std::cout << a.body << "\n";
+          return;
+        }
+        rapidjson::Document one;
+        one.SetArray().PushBack(rapidjson::Value(a.doc, one.GetAllocator()), one.GetAllocator());
+        print_records(one);
+        return;
+      }
       httplib::Params params;
       if (o->start) {
         params = range_params(*o->start, *o->end);

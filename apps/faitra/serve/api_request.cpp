@@ -1,5 +1,7 @@
 #include "serve/api_request.hpp"
 
+#include <faitra/host/escaped_bytes.hpp>
+
 #include <cdl/exception.hpp>
 #include <cdl/utils.hpp>
 
@@ -7,6 +9,8 @@
 #include <rapidjson/document.h>
 #include <rapidjson/error/en.h>
 
+#include <algorithm>
+#include <cctype>
 #include <limits>
 #include <set>
 
@@ -30,6 +34,9 @@ httplib::Params query_params(const std::string& target) {
 httplib::Params checked_params(const std::string& target, const std::set<std::string>& allowed) {
   httplib::Params params = query_params(target);
   for (const auto& [name, value] : params) {
+    if (name.find('\0') != std::string::npos || value.find('\0') != std::string::npos) {
+      throw api_error(400, "a parameter holds a NUL byte");
+    }
     if (allowed.count(name) == 0) throw api_error(400, "unknown parameter: " + name);
     if (params.count(name) > 1) throw api_error(400, "parameter given more than once: " + name);
   }
@@ -93,6 +100,15 @@ rapidjson::Document json_body(const std::string& body, const std::set<std::strin
   return doc;
 }
 
+// A body member that must be a string without NUL bytes.
+std::string body_string(const rapidjson::Document& doc, const char* name) {
+  const auto& v = doc[name];
+  if (!v.IsString()) throw api_error(400, std::string(name) + " must be a string");
+  const std::string text(v.GetString(), v.GetStringLength());
+  if (text.find('\0') != std::string::npos) throw api_error(400, std::string(name) + " holds a NUL byte");
+  return text;
+}
+
 unsigned long body_unsigned(const rapidjson::Document& doc, const char* name) {
   const auto& v = doc[name];
   if (!v.IsUint64()) {
@@ -106,7 +122,7 @@ unsigned long body_unsigned(const rapidjson::Document& doc, const char* name) {
 unsigned long body_time(const rapidjson::Document& doc, const char* name, uint64_t now_ns, bool seconds) {
   const auto& v = doc[name];
   // Integers are JSON numbers: a string of digits would be ambiguous (ns or s).
-  const std::string text = v.IsString() ? std::string(v.GetString(), v.GetStringLength()) : std::string();
+  const std::string text = v.IsString() ? body_string(doc, name) : std::string();
   if (text.empty() || text.find_first_not_of("-0123456789") == std::string::npos) return body_unsigned(doc, name);
   std::string error;
   const auto ns = faitra_host::parse_time_ns(text, now_ns, error);
@@ -188,10 +204,45 @@ packets_request parse_packets_request(const std::string& target, uint64_t now_ns
   return out;
 }
 
-std::string parse_lookup_request(const std::string& target) {
-  const auto path = param(checked_params(target, {"path"}), "path");
-  if (!path || path->empty()) throw api_error(400, "path is required");
-  return *path;
+lookup_request parse_lookup_request(const std::string& target) {
+  const httplib::Params params = checked_params(target, {"path", "key"});
+  const auto path = param(params, "path");
+  const auto key = param(params, "key");
+  if (path.has_value() == key.has_value()) throw api_error(400, "give exactly one of: path, key");
+  lookup_request out;
+  out.by_key = key.has_value();
+  out.value = key ? *key : *path;
+  if (out.value.empty()) throw api_error(400, std::string(out.by_key ? "key" : "path") + " is empty");
+  return out;
+}
+
+std::vector<std::string> catalogued_forms(const std::string& sent) {
+  if (!faitra_host::has_escaped_bytes(sent)) return {sent};
+  return {sent, faitra_host::restore_escaped_bytes(sent)};
+}
+
+void check_authorization(const std::vector<std::string>& headers, const std::string& token) {
+  if (headers.size() > 1) throw api_error(400, "more than one Authorization header");
+  const api_error refused(401, "missing or wrong bearer token");
+  if (headers.empty()) throw refused;
+  const std::string& value = headers.front();
+  const std::string scheme = "bearer";
+  if (value.size() <= scheme.size() || value[scheme.size()] != ' ') throw refused;
+  for (size_t i = 0; i < scheme.size(); ++i) {
+    if (std::tolower(static_cast<unsigned char>(value[i])) != scheme[i]) throw refused;
+  }
+  const size_t start = value.find_first_not_of(' ', scheme.size());
+  const size_t end = value.find_last_not_of(" \t");
+  const std::string sent = start == std::string::npos ? std::string() : value.substr(start, end + 1 - start);
+  // Every byte of the longer text is looked at, whatever the lengths.
+  unsigned char difference = sent.size() == token.size() ? 0 : 1;
+  const size_t length = std::max(sent.size(), token.size());
+  for (size_t i = 0; i < length; ++i) {
+    const char a = i < sent.size() ? sent[i] : '\0';
+    const char b = i < token.size() ? token[i] : '\0';
+    difference |= static_cast<unsigned char>(a ^ b);
+  }
+  if (difference != 0) throw refused;
 }
 
 delete_request parse_delete_request(const std::string& target, uint64_t now_ns) {
@@ -227,9 +278,8 @@ age_cleanup_request parse_age_cleanup_request(const std::string& target, const s
                                               uint64_t now_ns) {
   checked_params(target, {});
   const rapidjson::Document doc = json_body(body, {"mode", "cutoff"}, {"dry_run"});
-  if (!doc["mode"].IsString()) throw api_error(400, "mode must be a string");
   age_cleanup_request out;
-  out.mode_text = doc["mode"].GetString();
+  out.mode_text = body_string(doc, "mode");
   if (out.mode_text == "files") {
     out.mode = csl::age_cleanup_state::files;
   } else if (out.mode_text == "metadata") {

@@ -13,7 +13,9 @@
 // a space, so an offset or a relative time sent with an unencoded '+'
 // (2026-11-23T11:02:00 01:00, " 5m") is read as meant.
 //
-// Raises only api_error (status 400, or 413 for an oversized body).
+// Raises only api_error (status 400, 401 for a wrong token, or 413 for an
+// oversized body). A text with a NUL byte (in a parameter, a body member's
+// name or a string value) is refused wherever one is read.
 //
 // Thread-safety: pure functions.
 #pragma once
@@ -27,6 +29,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace faitra_cli {
 
@@ -80,8 +83,23 @@ struct packets_request {
 constexpr size_t MAX_FILTER_BYTES = 4096;
 packets_request parse_packets_request(const std::string& target, uint64_t now_ns = faitra_host::wall_clock_ns());
 
-// GET /v1/captures/lookup?path=
-std::string parse_lookup_request(const std::string& target);
+// GET /v1/captures/lookup?path= | ?key=
+struct lookup_request {
+  bool by_key = false;
+  std::string value;  // the path or the key, as sent
+};
+lookup_request parse_lookup_request(const std::string& target);
+
+// The forms under which a path or key sent by a client may be catalogued:
+// the bytes as sent, then, when they hold escaped bytes (see
+// <faitra/host/escaped_bytes.hpp>), those bytes restored.
+std::vector<std::string> catalogued_forms(const std::string& sent);
+
+// Checks the Authorization headers of a request against `token`: exactly
+// one header (400 otherwise), of the scheme Bearer in any letter case
+// followed by the token (401 otherwise). The token is compared in time
+// that does not depend on where the texts differ.
+void check_authorization(const std::vector<std::string>& headers, const std::string& token);
 
 // DELETE /v1/captures?path= | ?start&end&by= | ?all=true
 struct delete_request {

@@ -4,6 +4,7 @@
 #include "serve/operator_api.hpp"
 #include "serve/status_page.hpp"
 #include <faitra/host/capture_overlap.hpp>
+#include <faitra/host/escaped_bytes.hpp>
 
 #include <cdl/exception.hpp>
 #include <cdl/json_values.hpp>
@@ -28,8 +29,16 @@ namespace {
 const std::set<std::string> KNOWN_PATHS = {
     "/v1/captures",     "/v1/captures/lookup",         "/v1/storage", "/v1/cleanup/age", "/v1/packets",
     "/v1/cleanup/metadata", "/v1/cleanup/metadata/automatic", "/v1/status", "/v1/reconcile",
-    "/metrics",
+    "/metrics",         "/healthz",
 };
+
+// Methods whose requests httplib expects a body with.
+const std::set<std::string> BODY_METHODS = {"POST", "PUT", "PATCH", "DELETE"};
+
+// Whether `path` is served, by some method.
+bool known_path(const std::string& path) {
+  return KNOWN_PATHS.count(path) != 0 || OPERATOR_PATHS.count(path) != 0 || STATUS_PAGE_PATHS.count(path) != 0;
+}
 
 std::string error_json(const std::string& message) {
   cdl::json_writer w;
@@ -75,14 +84,6 @@ void write_reconcile_result(cdl::json_writer& w, const reconcile_result& r) {
   w.end_object();
 }
 
-bool same_text(const std::string& a, const std::string& b) {
-  // Compares in time that does not depend on where the texts differ.
-  if (a.size() != b.size()) return false;
-  unsigned char diff = 0;
-  for (size_t i = 0; i < a.size(); ++i) diff |= static_cast<unsigned char>(a[i] ^ b[i]);
-  return diff == 0;
-}
-
 const char* reason_phrase(int status) {
   switch (status) {
     case 400: return "bad request";
@@ -100,22 +101,65 @@ const char* reason_phrase(int status) {
   }
 }
 
+// The record catalogued under one of the forms of `sent` (see
+// catalogued_forms), found by path or, with `by_key`, by hash key.
+std::optional<csl::fs_entry> find_record(csl::fs_cache& cache, const std::string& sent, bool by_key) {
+  for (const std::string& form : catalogued_forms(sent)) {
+    csl::fs_entry record;
+    if (!by_key) {
+      if (cache.by_path(record, form)) return record;
+      continue;
+    }
+    csl::fs_cache::shared_guard lock(cache);
+    const auto found = cache.key_cache().find(std::string_view(form));
+    if (found != cache.key_cache().end() && cache.path_cache().count(std::string_view(found->second->path)) != 0) {
+      return *found->second;
+    }
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 http_api::http_api(capture_daemon& daemon, std::optional<std::string> token, unsigned max_retrievals)
     : _daemon(daemon), _token(std::move(token)), _max_retrievals(max_retrievals) {}
 
-// The token is checked here rather than before routing so that the
-// request's body has been read when the 401 goes out. Anything but
-// api_error reaches the exception handler as a 500.
+void http_api::set_token(std::string token) {
+  std::lock_guard<std::mutex> lock(_token_mutex);
+  _token = std::move(token);
+}
+
+std::optional<std::string> http_api::token() const {
+  std::lock_guard<std::mutex> lock(_token_mutex);
+  return _token;
+}
+
+void http_api::route(httplib::Server& server, const std::string& method, const std::string& path, api_handler h) {
+  _routes[{method, path}] = h;
+  if (method == "GET") server.Get(path, std::move(h));
+  if (method == "POST") server.Post(path, std::move(h));
+  if (method == "PUT") server.Put(path, std::move(h));
+  if (method == "DELETE") server.Delete(path, std::move(h));
+}
+
+// The token is read at each request (SIGHUP may replace it), and checked
+// here rather than before routing so that the request's body has been read
+// when the 401 goes out. Anything but api_error reaches the exception
+// handler as a 500.
 api_handler http_api::guarded(api_handler h) const {
-  const std::optional<std::string> expected =
-      _token ? std::optional<std::string>("Bearer " + *_token) : std::nullopt;
-  return [h = std::move(h), expected](const httplib::Request& req, httplib::Response& res) {
+  return [this, h = std::move(h)](const httplib::Request& req, httplib::Response& res) {
     try {
-      if (expected && !same_text(req.get_header_value("Authorization"), *expected)) {
-        res.set_header("WWW-Authenticate", "Bearer realm=\"faitra\"");
-        throw api_error(401, "missing or wrong bearer token");
+      if (const std::optional<std::string> expected = token()) {
+        std::vector<std::string> headers;
+        for (size_t i = 0; i < req.get_header_value_count("Authorization"); ++i) {
+          headers.push_back(req.get_header_value("Authorization", i));
+        }
+        try {
+          check_authorization(headers, *expected);
+        } catch (const api_error& e) {
+          if (e.status() == 401) res.set_header("WWW-Authenticate", "Bearer realm=\"faitra\"");
+          throw;
+        }
       }
       check_body_size(req.body);
       h(req, res);
@@ -143,7 +187,21 @@ void http_api::install(httplib::Server& server) {
   // API's bodies are small JSON documents that every client sends with a
   // length, so chunked bodies are refused, and a body above the limit is
   // answered at once and its connection closed.
-  server.set_pre_routing_handler([](const httplib::Request& req, httplib::Response& res) {
+  server.set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
+    if (BODY_METHODS.count(req.method) != 0 && !req.has_header("Content-Length") &&
+        !req.has_header("Transfer-Encoding")) {
+      // No body at all (HTTP/1.1: an empty one): answered here, before
+      // httplib would refuse it.
+      const auto found = _routes.find({req.method, req.path});
+      if (found != _routes.end()) {
+        found->second(req, res);
+      } else if (known_path(req.path)) {
+        send_error(res, 405, "method " + req.method + " is not allowed on " + req.path);
+      } else {
+        send_error(res, 404, "no such endpoint: " + req.path);
+      }
+      return httplib::Server::HandlerResponse::Handled;
+    }
     if (req.has_header("Transfer-Encoding")) {
       send_error(res, 411, "send the body with a Content-Length, not in chunks");
     } else if (req.get_header_value<uint64_t>("Content-Length") > HTTPLIB_BODY_LIMIT) {
@@ -157,8 +215,7 @@ void http_api::install(httplib::Server& server) {
 
   server.set_error_handler([](const httplib::Request& req, httplib::Response& res) {
     if (!res.body.empty()) return;
-    if (res.status == 404 && (KNOWN_PATHS.count(req.path) != 0 || OPERATOR_PATHS.count(req.path) != 0 ||
-                              STATUS_PAGE_PATHS.count(req.path) != 0)) {
+    if (res.status == 404 && known_path(req.path)) {
       send_error(res, 405, "method " + req.method + " is not allowed on " + req.path);
     } else if (res.status == 404) {
       send_error(res, 404, "no such endpoint: " + req.path);
@@ -187,7 +244,7 @@ void http_api::install(httplib::Server& server) {
     });
   }
 
-  server.Get("/v1/captures", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+  route(server, "GET", "/v1/captures", guarded([&d](const httplib::Request& req, httplib::Response& res) {
     const list_request query = parse_list_request(req.target);
     const auto& range = query.range;
     const unsigned long limit = query.limit;
@@ -223,16 +280,30 @@ void http_api::install(httplib::Server& server) {
     send_json(res, 200, w);
   }));
 
-  server.Get("/v1/captures/lookup", guarded([&d](const httplib::Request& req, httplib::Response& res) {
-    const std::string path = parse_lookup_request(req.target);
-    csl::fs_entry record;
-    if (!d.cache().by_path(record, path)) throw api_error(404, "no capture is catalogued at " + path);
+  route(server, "GET", "/v1/captures/lookup", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+    const lookup_request lookup = parse_lookup_request(req.target);
+    const std::optional<csl::fs_entry> record = find_record(d.cache(), lookup.value, lookup.by_key);
+    if (!record) {
+      throw api_error(404, std::string(lookup.by_key ? "no capture is catalogued with the key "
+                                                     : "no capture is catalogued at ") + lookup.value);
+    }
     cdl::json_writer w;
-    write_record(w, record);
+    write_record(w, *record);
     send_json(res, 200, w);
   }));
 
-  server.Delete("/v1/captures", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+  // For probes: no token, no daemon state beyond being up.
+  route(server, "GET", "/healthz", [](const httplib::Request& req, httplib::Response& res) {
+    try {
+      parse_plain_request(req.target);
+      res.status = 200;
+      res.set_content("{\"status\":\"ok\"}", JSON_TYPE);
+    } catch (const api_error& e) {
+      send_error(res, e.status(), e.what());
+    }
+  });
+
+  route(server, "DELETE", "/v1/captures", guarded([&d](const httplib::Request& req, httplib::Response& res) {
     const delete_request del = parse_delete_request(req.target);
     cdl::json_writer w;
     w.begin_object();
@@ -240,8 +311,9 @@ void http_api::install(httplib::Server& server) {
     if (del.what == delete_request::form::path) {
       // Only an exact catalogued path is ever marked; anything else (a
       // relative path, "..", a link to elsewhere) is simply not found.
-      if (!d.cache().path_exists(del.path)) throw api_error(404, "no capture is catalogued at " + del.path);
-      w.value<bool>(d.storage().delete_by_path(del.path, csl::fs_entry::deletion_by::requested));
+      const std::optional<csl::fs_entry> record = find_record(d.cache(), del.path, false);
+      if (!record) throw api_error(404, "no capture is catalogued at " + del.path);
+      w.value<bool>(d.storage().delete_by_path(record->path, csl::fs_entry::deletion_by::requested));
     } else if (del.what == delete_request::form::all) {
       w.value<unsigned long>(d.storage().clear(csl::fs_entry::deletion_by::requested));
     } else {
@@ -256,14 +328,14 @@ void http_api::install(httplib::Server& server) {
     send_json(res, 200, w);
   }));
 
-  server.Get("/v1/storage", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+  route(server, "GET", "/v1/storage", guarded([&d](const httplib::Request& req, httplib::Response& res) {
     parse_plain_request(req.target);
     cdl::json_writer w;
     d.storage().state().to_json(w, {}, {});
     send_json(res, 200, w);
   }));
 
-  server.Post("/v1/cleanup/age", guarded([&d, log](const httplib::Request& req, httplib::Response& res) {
+  route(server, "POST", "/v1/cleanup/age", guarded([&d, log](const httplib::Request& req, httplib::Response& res) {
     const age_cleanup_request age = parse_age_cleanup_request(req.target, req.body);
     if (age.dry_run) return answer_age_dry_run(res, d, age);
     const auto mode = age.mode;
@@ -279,7 +351,7 @@ void http_api::install(httplib::Server& server) {
     send_json(res, 202, w);
   }));
 
-  server.Post("/v1/cleanup/metadata", guarded([&d, log](const httplib::Request& req, httplib::Response& res) {
+  route(server, "POST", "/v1/cleanup/metadata", guarded([&d, log](const httplib::Request& req, httplib::Response& res) {
     const time_range range = parse_metadata_cleanup_request(req.target, req.body);
     const unsigned long start = range.start;
     const unsigned long end = range.end;
@@ -296,7 +368,7 @@ void http_api::install(httplib::Server& server) {
     send_json(res, 202, w);
   }));
 
-  server.Put("/v1/cleanup/metadata/automatic", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+  route(server, "PUT", "/v1/cleanup/metadata/automatic", guarded([&d](const httplib::Request& req, httplib::Response& res) {
     const bool enabled = parse_automatic_request(req.target, req.body);
     d.cleaner().switch_metadata_cleanup(enabled);
     cdl::json_writer w;
@@ -307,7 +379,7 @@ void http_api::install(httplib::Server& server) {
     send_json(res, 200, w);
   }));
 
-  server.Post("/v1/reconcile", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+  route(server, "POST", "/v1/reconcile", guarded([&d](const httplib::Request& req, httplib::Response& res) {
     parse_reconcile_request(req.target, req.body);
     const auto result = d.reconcile().request(std::chrono::seconds(60));
     if (!result) throw api_error(503, "the reconcile did not complete (the daemon may be stopping)");
@@ -316,7 +388,7 @@ void http_api::install(httplib::Server& server) {
     send_json(res, 200, w);
   }));
 
-  server.Get("/v1/status", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+  route(server, "GET", "/v1/status", guarded([&d](const httplib::Request& req, httplib::Response& res) {
     parse_plain_request(req.target);
     const metrics_sample m = d.sample_metrics();
     const daemon_options& o = d.options();
@@ -422,7 +494,7 @@ void http_api::install(httplib::Server& server) {
     send_json(res, 200, w);
   }));
 
-  server.Get("/metrics", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+  route(server, "GET", "/metrics", guarded([&d](const httplib::Request& req, httplib::Response& res) {
     parse_plain_request(req.target);
     res.status = 200;
     res.set_content(render_metrics(d.sample_metrics()), "text/plain; version=0.0.4");

@@ -5,11 +5,15 @@
 // repeated query parameters, numbers that are not plain non-negative decimal
 // integers or do not fit 64 bits, inverted ranges, unknown modes and
 // malformed, oversized or unexpected bodies are refused with 400 (413 for a
-// body above MAX_BODY_BYTES). With a token, every request must carry
-// "Authorization: Bearer <token>" or gets 401.
+// body above MAX_BODY_BYTES). With a token, every request but GET /healthz
+// must carry "Authorization: Bearer <token>" or gets 401.
+//
+// A POST or PUT without Content-Length and Transfer-Encoding has an empty
+// body (HTTP/1.1); httplib would refuse it, so such requests are routed
+// before httplib reads a body, through the same handlers.
 //
 // Thread-safety: handlers run on the server's threads and only use the
-// daemon's thread-safe operations.
+// daemon's thread-safe operations; set_token may be called from any thread.
 #pragma once
 
 #include "serve/api_request.hpp"
@@ -18,8 +22,11 @@
 #include <httplib.h>
 
 #include <functional>
+#include <map>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace faitra_cli {
 
@@ -43,10 +50,19 @@ class http_api {
   // `h` behind the token check, with api_error mapped to its status.
   api_handler guarded(api_handler h) const;
 
+  // Replaces the token that requests must carry from now on.
+  void set_token(std::string token);
+
  private:
+  // Registers `h` for `method` and `path` with the server and in _routes.
+  void route(httplib::Server& server, const std::string& method, const std::string& path, api_handler h);
+  std::optional<std::string> token() const;
+
   faitra_host::capture_daemon& _daemon;
+  mutable std::mutex _token_mutex;
   std::optional<std::string> _token;
   unsigned _max_retrievals;
+  std::map<std::pair<std::string, std::string>, api_handler> _routes;  // (method, path)
 };
 
 // GET /v1/packets (packets_endpoint.cpp).

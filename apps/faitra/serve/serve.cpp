@@ -6,6 +6,7 @@
 #include "serve/http_api.hpp"
 #include "serve/json_log.hpp"
 #include <faitra/host/daemon_address.hpp>
+#include <faitra/host/listen_socket.hpp>
 
 #include <httplib.h>
 
@@ -62,17 +63,30 @@ struct serve_options {
 // The longest --reconcile-interval: a year (0 turns the periodic runs off).
 constexpr unsigned long MAX_RECONCILE_INTERVAL_SECONDS = 365UL * 24 * 3600;
 
-// Removes a socket file left behind by an earlier run; refuses to touch
-// anything that is not a socket.
-bool clear_stale_socket(const std::string& path, std::string& error) {
-  struct stat status {};
-  if (::lstat(path.c_str(), &status) != 0) return true;
-  if (!S_ISSOCK(status.st_mode)) {
-    error = path + " exists and is not a socket";
-    return false;
+// httplib's server, listening on a socket opened beforehand
+// (open_listen_socket), so that a failure to listen is known, with its
+// reason, before the daemon scans.
+class adopting_server : public httplib::Server {
+ public:
+  void adopt(int listening_fd) { svr_sock_ = listening_fd; }
+};
+
+// SIGHUP (sent by operators and log rotation) reloads what can change while
+// the daemon runs: the token file. A token that cannot be read leaves the
+// current one in force. It never stops the daemon.
+void reload(const serve_options& cli, http_api& api, cdl::log* log) {
+  if (cli.token_file.empty()) {
+    log->info("Received SIGHUP; nothing to reload (no --token-file)");
+    return;
   }
-  ::unlink(path.c_str());
-  return true;
+  std::string error;
+  const std::optional<std::string> token = read_token_file(cli.token_file, error);
+  if (!token) {
+    log->error("Received SIGHUP; cannot reload the token: %s; the current token stays in force", error);
+    return;
+  }
+  api.set_token(*token);
+  log->info("Received SIGHUP; reloaded the token from %s", cli.token_file);
 }
 
 int run_serve(const serve_options& cli, bool log_level_given) {
@@ -90,6 +104,22 @@ int run_serve(const serve_options& cli, bool log_level_given) {
       return 1;
     }
   }
+
+  // Listen first: a daemon that cannot listen says why and exits before it
+  // scans anything or starts its cleaner.
+  int port = 0;
+  const int listening_fd = open_listen_socket(address, port, error);
+  if (listening_fd < 0) {
+    std::cerr << "faitra serve: cannot listen on " << cli.listen << ": " << error << "\n";
+    return 1;
+  }
+  const std::string shown = address.unix_socket || address.port != 0
+                                ? cli.listen
+                                : address.host_for_display() + ":" + std::to_string(port);
+  const auto abandon_socket = [&] {
+    ::close(listening_fd);
+    if (address.unix_socket) ::unlink(address.host.c_str());
+  };
 
   daemon_options options;
   options.root = cli.root;
@@ -117,12 +147,13 @@ int run_serve(const serve_options& cli, bool log_level_given) {
   ::mallopt(M_MMAP_THRESHOLD, static_cast<int>(MMAP_THRESHOLD_BYTES));
 
   // Every thread started from here on inherits this mask, so the two stop
-  // signals reach only the sigtimedwait below.
-  sigset_t stop_signals;
-  sigemptyset(&stop_signals);
-  sigaddset(&stop_signals, SIGTERM);
-  sigaddset(&stop_signals, SIGINT);
-  pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+  // signals and SIGHUP reach only the sigtimedwait below.
+  sigset_t handled_signals;
+  sigemptyset(&handled_signals);
+  sigaddset(&handled_signals, SIGTERM);
+  sigaddset(&handled_signals, SIGINT);
+  sigaddset(&handled_signals, SIGHUP);
+  pthread_sigmask(SIG_BLOCK, &handled_signals, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
   if (json_log) {
     use_json_log();
@@ -135,38 +166,23 @@ int run_serve(const serve_options& cli, bool log_level_given) {
     daemon = std::make_unique<capture_daemon>(options);
   } catch (const std::exception& e) {
     std::cerr << "faitra serve: " << e.what() << "\n";
+    abandon_socket();
     return 1;
   }
   cdl::log* log = daemon->log();
 
-  httplib::Server server;
+  adopting_server server;
   http_api api(*daemon, token, cli.max_retrievals);
   api.install(server);
   server.set_keep_alive_timeout(2);
   // httplib writes a response's headers and body separately; with Nagle's
   // algorithm the body then waits for the client's delayed acknowledgement
-  // (40 ms on Linux) on every request of a kept-alive TCP connection.
+  // (40 ms on Linux) on every request of a kept-alive TCP connection. The
+  // listening socket has TCP_NODELAY already, which accepted connections
+  // inherit.
   server.set_tcp_nodelay(true);
-  bool bound = false;
-  std::string shown = cli.listen;
-  if (address.unix_socket) {
-    if (clear_stale_socket(address.host, error)) {
-      server.set_address_family(AF_UNIX);
-      bound = server.bind_to_port(address.host, 80);
-    }
-  } else if (address.port == 0) {
-    const int port = server.bind_to_any_port(address.host);
-    bound = port > 0;
-    shown = address.host_for_display() + ":" + std::to_string(port);
-  } else {
-    bound = server.bind_to_port(address.host, address.port);
-  }
-  if (!bound) {
-    log->critical("Cannot listen on %s%s%s", cli.listen, error.empty() ? "" : ": ", error);
-    std::cerr << "faitra serve: cannot listen on " << cli.listen << (error.empty() ? "" : ": ") << error << "\n";
-    daemon->shutdown();
-    return 1;
-  }
+  if (address.unix_socket) server.set_address_family(AF_UNIX);
+  server.adopt(listening_fd);
   log->info("Listening on %s%s", shown, token ? " (bearer token required)" : "");
 
   std::atomic<bool> listener_ended{false};
@@ -174,11 +190,15 @@ int run_serve(const serve_options& cli, bool log_level_given) {
     server.listen_after_bind();
     listener_ended = true;
   });
+  // httplib's stop() does nothing until its loop runs; a stop signal must
+  // not come in between.
+  while (!server.is_running() && !listener_ended.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
 
   int exit_code = 0;
   const timespec poll_interval{0, 200 * 1000 * 1000};
   for (;;) {
-    const int signal_number = ::sigtimedwait(&stop_signals, nullptr, &poll_interval);
+    const int signal_number = ::sigtimedwait(&handled_signals, nullptr, &poll_interval);
+    if (signal_number == SIGHUP) reload(cli, api, log);
     if (signal_number == SIGTERM || signal_number == SIGINT) {
       log->info("Received %s; stopping", signal_number == SIGTERM ? "SIGTERM" : "SIGINT");
       break;
@@ -207,7 +227,8 @@ void register_serve(CLI::App& app, int& exit_code) {
       "Run the daemon: catalogue the capture files under --root (scanned at start, then followed live "
       "through inotify and checked by a periodic reconcile), delete the oldest captures when the file "
       "system fills, and serve the HTTP JSON API that the client subcommands (ls, rm, df, cleanup, "
-      "metadata-cleanup, status, reconcile) use. Stops cleanly on SIGTERM or SIGINT (exit status 0).");
+      "metadata-cleanup, status, reconcile) use. Stops cleanly on SIGTERM or SIGINT (exit status 0); "
+      "SIGHUP reloads the token file.");
   sub->add_option("--root", cli->root, "Root directory of the captures (required)")
       ->required()
       ->check(CLI::ExistingDirectory);
