@@ -81,6 +81,15 @@ CLI::Validator number_value(double min, double max) {
   return CLI::Validator([min, max](std::string& text) { return number_problem(text, min, max); }, "");
 }
 
+CLI::Validator suffix_value() {
+  return CLI::Validator(
+      [](std::string& text) -> std::string {
+        return text.empty() ? "an empty suffix would make every file, '.' and '..' included, a capture"
+                            : std::string();
+      },
+      "");
+}
+
 CLI::Validator log_level_value() {
   return CLI::Validator(
       [](std::string& text) -> std::string {

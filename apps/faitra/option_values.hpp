@@ -31,6 +31,9 @@ CLI::Validator unsigned_value(unsigned long min = 0, unsigned long max = std::nu
 // A finite number from `min` to `max`.
 CLI::Validator number_value(double min, double max = std::numeric_limits<double>::infinity());
 
+// A capture suffix: anything but the empty text, which every name ends with.
+CLI::Validator suffix_value();
+
 // One of the log priorities by name, any case; turned into its number for
 // CLI11 to convert into cdl::log_priority::value.
 CLI::Validator log_level_value();

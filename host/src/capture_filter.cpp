@@ -4,6 +4,8 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
+
 namespace faitra_host {
 
 namespace {
@@ -11,6 +13,30 @@ namespace {
 std::string base_name(const std::string& name_or_path) {
   const auto slash = name_or_path.rfind('/');
   return slash == std::string::npos ? name_or_path : name_or_path.substr(slash + 1);
+}
+
+// What a directory entry is to the catalogue. Only regular files, and
+// symbolic links to regular files, are captures; lstat first, so that a
+// regular file costs one call. Ordered: of the instances of a bare name in
+// several watched directories, the lowest kind counts.
+enum class entry_kind { capture, dangling, other, missing };
+
+entry_kind kind_of(const std::string& path) {
+  struct stat status {};
+  if (::lstat(path.c_str(), &status) != 0) return entry_kind::missing;  // vanished: the caller decides
+  if (S_ISREG(status.st_mode)) return entry_kind::capture;
+  if (!S_ISLNK(status.st_mode)) return entry_kind::other;
+  if (::stat(path.c_str(), &status) != 0) return entry_kind::dangling;
+  return S_ISREG(status.st_mode) ? entry_kind::capture : entry_kind::other;
+}
+
+// The kind of the entry `name_or_path` names; a bare name (from a scan) is
+// looked up in every watched directory.
+entry_kind kind_of(const std::set<std::string>& dirs, const std::string& name_or_path, bool bare) {
+  if (!bare) return kind_of(name_or_path);
+  entry_kind kind = entry_kind::missing;
+  for (const std::string& dir : dirs) kind = std::min(kind, kind_of(dir + "/" + name_or_path));
+  return kind;
 }
 
 bool exists_in_any(const std::set<std::string>& dirs, const std::string& name) {
@@ -49,7 +75,14 @@ void capture_filter::note(state& s, const std::string& name, const std::string& 
 bool capture_filter::operator()(const std::string& name_or_path) const {
   if (!has_capture_suffix(name_or_path)) return false;
   const std::string name = base_name(name_or_path);
+  // The watched directories never change, so they are read without the lock.
+  const entry_kind kind = kind_of(_state->watched_dirs, name_or_path, name == name_or_path);
+  if (kind == entry_kind::other) return false;
   std::lock_guard<std::mutex> lock(_state->mutex);
+  if (kind == entry_kind::dangling) {
+    if (name == name_or_path) note(*_state, name, "a symbolic link to nothing");
+    return false;
+  }
   if (_state->excluded.count(name) != 0) return false;
   if (_state->validate && name == name_or_path && name != _state->last_accepted) {
     std::vector<std::string> paths;

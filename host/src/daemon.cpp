@@ -53,11 +53,25 @@ daemon_options normalise(daemon_options o) {
       throw std::invalid_argument("watched directory " + w + " does not exist or is not a directory");
     }
   }
+  // The usage ceiling is measured on one file system (the first watched
+  // directory's): a watched directory elsewhere would fill unmeasured.
+  struct stat first {};
+  ::stat(watch.begin()->c_str(), &first);
+  for (const std::string& w : watch) {
+    struct stat status {};
+    if (::stat(w.c_str(), &status) == 0 && status.st_dev != first.st_dev) {
+      throw std::invalid_argument("watched directories " + *watch.begin() + " and " + w +
+                                  " are on different file systems; the disk usage can only be measured on one");
+    }
+  }
   o.watch = std::move(watch);
   if (!(o.stop > 0.0F && o.stop <= o.trigger && o.trigger <= 1.0F)) {
     throw std::invalid_argument("the fractions must satisfy 0 < stop <= trigger <= 1");
   }
   if (o.suffixes.empty()) throw std::invalid_argument("at least one capture suffix is needed");
+  for (const std::string& suffix : o.suffixes) {
+    if (suffix.empty()) throw std::invalid_argument("a capture suffix must not be empty (every file would match)");
+  }
   return o;
 }
 

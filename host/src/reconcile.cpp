@@ -257,8 +257,10 @@ void reconciler::handle(cdl::task_ptr<reconcile_task>& task) {
 void reconciler::repair(const std::string& path, reconcile_result& result) {
   csl::fs_entry fresh(path);
   struct stat status {};
-  const bool on_disk = ::stat(path.c_str(), &status) == 0;
-  if (!on_disk && errno != ENOENT && errno != ENOTDIR) return;  // cannot tell; leave it
+  const bool found = ::stat(path.c_str(), &status) == 0;
+  if (!found && errno != ENOENT && errno != ENOTDIR) return;  // cannot tell; leave it
+  // Only regular files (possibly through a link) are captures.
+  const bool on_disk = found && S_ISREG(status.st_mode);
 
   if (!on_disk) {
     if (_cache->delete_by_path(nullptr, path)) {

@@ -19,6 +19,7 @@ TEST(CommandLine, RefusesBadValuesSayingWhy) {
       {{"serve", "--root", root, "--log-level", "chatty"}, "expected emerg, alert, crit"},
       {{"ls", "--limit", "0"}, "0 is too small"},
       {{"gen", root, "--rate", "-1"}, "-1 is negative; expected a number of at least 0"},
+      {{"scan", "--suffix", "", root}, "an empty suffix"},
   };
   for (const auto& [args, message] : cases) {
     SCOPED_TRACE(::testing::PrintToString(args));

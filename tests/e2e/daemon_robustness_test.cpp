@@ -110,11 +110,13 @@ class DaemonReconcileTest : public ::testing::Test {
     ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
   }
 
-  std::unique_ptr<daemon_process> start(const std::string& interval) {
+  std::unique_ptr<daemon_process> start(const std::string& interval, const std::string& binary = FAITRA_BINARY) {
     // Root and watched directory differ: the stage directory is on the same
     // file system (so renames and links work) but not watched.
-    auto d = std::make_unique<daemon_process>(std::vector<std::string>{
-        "--root", _fs.path(), "--watch", caps(""), "--no-auto-cleanup", "--reconcile-interval", interval});
+    auto d = std::make_unique<daemon_process>(
+        std::vector<std::string>{"--root", _fs.path(), "--watch", caps(""), "--no-auto-cleanup",
+                                 "--reconcile-interval", interval},
+        daemon_process::transport::unix_socket, binary);
     EXPECT_TRUE(d->wait_ready());
     // The reconcile run at start is over before the test makes drift.
     EXPECT_TRUE(faitra_test::wait_until([&] { return d->status_number({"reconcile", "runs"}) >= 1; }));
@@ -197,13 +199,14 @@ TEST_F(DaemonReconcileTest, RepairsWhatInotifyCouldNotReport) {
 // marked when the reconcile updates it, so it is never offered for
 // deletion twice.
 TEST_F(DaemonReconcileTest, AnUpdateKeepsTheDeletionMarker) {
-  // The delete thread cannot remove a non-empty directory; one named like a
-  // capture is catalogued like one.
+  // The delete thread cannot remove it: the command with injectable faults
+  // fails its unlink.
   const std::string stuck = caps("stuck.pcap");
-  ASSERT_EQ(::mkdir(stuck.c_str(), 0755), 0);
-  faitra_test::write_and_close(stuck + "/inside", 10);
+  faitra_test::write_and_close(stuck, 10);
   faitra_test::set_xattr(stuck, "user.pcap_hash", "before");
-  auto d = start("0");
+  ::setenv("FAITRA_FAULT_UNLINK", "stuck.pcap:1000", 1);
+  auto d = start("0", FAITRA_FAULTY_BINARY);
+  ::unsetenv("FAITRA_FAULT_UNLINK");
   ASSERT_EQ(d->catalogue().count(stuck), 1U);
   ASSERT_EQ(d->request("DELETE", "/v1/captures?path=" + stuck).status, 200);
   ASSERT_TRUE(d->wait_log("Failed to delete capture file: " + stuck));

@@ -250,6 +250,7 @@ void register_serve(CLI::App& app, int& exit_code) {
                 "Never delete captures by disk usage (age and metadata cleanups on request still work)");
   sub->add_option("--suffix", cli->suffixes,
                   "File name ending of a capture; repeat for several (default: .pcap and .pcapng)")
+      ->check(suffix_value())
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
   sub->add_option("--metadata-cleanup-cmd", cli->metadata_cleanup_cmd,

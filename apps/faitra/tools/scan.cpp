@@ -2,6 +2,7 @@
 // does, prints every capture as one JSON record per line and exits.
 #include <faitra/host/catalogue.hpp>
 #include "commands.hpp"
+#include "option_values.hpp"
 
 #include <csl/fs_entry.hpp>
 
@@ -127,6 +128,7 @@ void register_scan(CLI::App& app, int& exit_code) {
   sub->add_option("DIR", options->dirs, "Capture directories")->required();
   sub->add_option("--suffix", options->suffixes,
                   "A file is a capture when its name ends with one of these (repeatable; replaces the default)")
+      ->check(suffix_value())
       ->allow_extra_args(false)
       ->capture_default_str();
   sub->callback([options, &exit_code] { exit_code = run_scan(*options); });

@@ -1,9 +1,17 @@
 // The capture filter of the faitra command: which directory entries are
 // captures, plus the host-side defences of the start-up scan.
 //
-// A name is a capture when it ends with one of the suffixes. The filter is
-// called with bare names during scans and with full paths by the monitor;
-// testing only the ending makes it accept both forms of the same file.
+// A name is a capture when it ends with one of the suffixes and names a
+// regular file or a symbolic link to one: directories, FIFOs, sockets,
+// devices, links to anything else and dangling links are not (the library's
+// scan lets such entries through on purpose, leaving the choice to the
+// filter); a dangling link met by a scan is recorded as a problem, once. A path that no longer exists is accepted, so that its removal
+// reaches the catalogue. The filter is called with bare names during scans
+// and with full paths by the monitor. A bare name is looked up in every
+// watched directory and accepted when one of them holds it as a capture; a
+// name that is a capture in one watched directory and something else in
+// another is thus catalogued in both at start, and the first reconcile
+// removes the other.
 //
 // Defences (state shared by every copy of the filter):
 //  - names excluded after their attributes could not be parsed are refused;
