@@ -54,6 +54,7 @@ void copy_counters(const daemon_counters& c, metrics_sample& s) {
   s.drift_added = c.drift_added.load();
   s.drift_removed = c.drift_removed.load();
   s.drift_updated = c.drift_updated.load();
+  s.queue_overflows = c.queue_overflows.load();
 }
 
 std::string render_metrics(const metrics_sample& s) {
@@ -86,6 +87,9 @@ std::string render_metrics(const metrics_sample& s) {
          "Captures whose metadata could not be derived (not a capture, unreadable, no timed packet).",
          s.derive_failures);
   single(out, "faitra_derive_queue", "gauge", "Captures waiting for their metadata to be derived.", s.derive_queue);
+  single(out, "faitra_inotify_overflows_total", "counter",
+         "Times the kernel's inotify queue overflowed and file events were lost; each starts a reconcile.",
+         s.queue_overflows);
   single(out, "faitra_scan_problems", "gauge", "Files skipped by the start-up scan.", s.scan_problems);
   single(out, "faitra_handler_failures_total", "counter", "Exceptions that escaped a task handler.",
          s.handler_failures);

@@ -9,6 +9,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 #include <map>
@@ -164,14 +165,38 @@ std::optional<reconcile_result> reconciler::last() const {
 }
 
 void reconciler::thread_body() {
+  using clock = std::chrono::steady_clock;
   std::unique_lock<std::mutex> lock(_mutex);
-  auto next = std::chrono::steady_clock::now() + _interval;
+  auto next = clock::now() + _interval;
+  unsigned long overflows_seen = _tracker.queue_overflows();
+  // After lost events, a run leaves files modified in the last seconds to
+  // the tracker, whose events for them may be lost too: one more run once
+  // they are quiet. None is due while it is the largest time.
+  auto follow_up = clock::time_point::max();
   while (!_stopping) {
-    const auto due = [&] { return _stopping || _requested > _completed; };
-    if (_interval.count() > 0) {
-      if (!_cv.wait_until(lock, next, due)) _requested = _completed + 1;  // the interval elapsed
-    } else {
-      _cv.wait(lock, due);
+    bool after_overflow = false;
+    while (!_stopping && _requested <= _completed) {
+      auto wake = clock::now() + OVERFLOW_POLL;
+      if (_interval.count() > 0) wake = std::min(wake, next);
+      wake = std::min(wake, follow_up);
+      _cv.wait_until(lock, wake);
+      const auto now = clock::now();
+      const unsigned long overflows = _tracker.queue_overflows();
+      if (overflows != overflows_seen) {
+        _counters.queue_overflows.fetch_add(overflows - overflows_seen);
+        overflows_seen = overflows;
+        if (_log != nullptr) {
+          _log->write(cdl::log_priority::warning,
+                      "The inotify queue overflowed and file events were lost; reconciling now");
+        }
+        after_overflow = true;
+      } else if (now >= follow_up) {
+        follow_up = clock::time_point::max();
+        after_overflow = true;
+      } else if (!(_interval.count() > 0 && now >= next)) {
+        continue;
+      }
+      _requested = _completed + 1;
     }
     if (_stopping) break;
     const unsigned long generation = _requested;
@@ -186,13 +211,14 @@ void reconciler::thread_body() {
       if (_log != nullptr) _log->error("Reconcile failed: %s", e.what());
     }
     lock.lock();
-    next = std::chrono::steady_clock::now() + _interval;
+    next = clock::now() + _interval;
     if (!result) {
       // A failed run answers the requests it covered with nothing.
       _completed = generation;
       _cv.notify_all();
       continue;
     }
+    if (after_overflow && result->deferred > 0) follow_up = clock::now() + std::chrono::seconds(QUIET_SECONDS + 1);
     for (const scan_problem& p : result->problems) {
       if (_reported.insert(p.name).second && _log != nullptr) {
         _log->write(cdl::log_priority::warning, "Reconcile skipped %s: %s", p.name, p.reason);

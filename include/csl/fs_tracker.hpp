@@ -14,8 +14,9 @@
 // delete gives "deleted"; anything else accumulates. So attribute changes
 // arrive with the next close of the file, a file moved out of a watched
 // directory yields "created" (which then fails its stat), and the queue
-// overflow event is ignored. Scanning happens before watching; a file
-// changed in between is missed. Hosts repair both with a reconcile.
+// overflow event is ignored, only counted (queue_overflows()) so that a
+// host can tell that events were lost. Scanning happens before watching; a
+// file changed in between is missed. Hosts repair both with a reconcile.
 //
 // Watched paths must start with the root path (plain prefix comparison).
 // The listener group must have exactly one channel, so events of one path
@@ -84,6 +85,9 @@ class fs_tracker : public cdl::task_listener {
 
   // Whether the monitor thread is meant to be running.
   bool monitoring() const { return _running.load(); }
+  // How many times the kernel reported that its event queue overflowed
+  // (events were lost); callable from any thread.
+  unsigned long queue_overflows() const { return _queue_overflows.load(std::memory_order_relaxed); }
   // The reader, for hosts that re-read files on the tracker's own channel.
   fs_reader& reader() { return _reader; }
 
@@ -106,6 +110,7 @@ class fs_tracker : public cdl::task_listener {
   unsigned long _empty_message_size;
   cdl::log* _log;
   bool _monitor_initialised = false;  // a descriptor is open and must be closed
+  std::atomic<unsigned long> _queue_overflows{0};
 };
 
 }  // namespace csl

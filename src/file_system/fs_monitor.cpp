@@ -81,6 +81,7 @@ void fs_tracker::do_monitoring() {
         const char* event_name = _event_buffer.data() + offset + INOTIFY_EVENT_HEADER_SIZE;
         offset += INOTIFY_EVENT_HEADER_SIZE + event.len;
 
+        if ((event.mask & IN_Q_OVERFLOW) != 0) _queue_overflows.fetch_add(1, std::memory_order_relaxed);
         if (event.len == 0) continue;  // about the directory itself (or a queue overflow)
         const auto watch = _watches.find(event.wd);
         if (watch == _watches.end()) continue;

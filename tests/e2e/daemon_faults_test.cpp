@@ -111,6 +111,21 @@ const fault_case CASES[] = {
      [](daemon_process&, const std::string& dir) { write_numbered(dir, "victim.pcap", 10); },
      "Monitoring failed: read error, errno: ",
      true},
+    {"the_inotify_queue_overflows",
+     {{"FAITRA_FAULT_INOTIFY_OVERFLOW", "1000000"}, {"FAITRA_FAULT_ARM", "{arm}"}},
+     {},
+     {},
+     // Their events are lost. With no periodic reconcile, only the run that
+     // the overflow starts (and its follow-up once they are quiet) can
+     // catalogue them.
+     [](daemon_process& daemon, const std::string& dir) {
+       for (unsigned long n = 10; n <= 12; ++n) write_numbered(dir, "lost-" + std::to_string(n) + ".pcap", n);
+       EXPECT_TRUE(faitra_test::wait_until(
+           [&] { return lookup_key(daemon, dir + "/lost-12.pcap") == "h12" && daemon.catalogue().size() == 3; },
+           std::chrono::minutes(1)));
+       EXPECT_GE(daemon.metric("faitra_inotify_overflows_total"), 1);
+     },
+     "The inotify queue overflowed and file events were lost; reconciling now"},
     {"statvfs_fails",
      {{"FAITRA_FAULT_STATVFS", "1000000"}},
      {},

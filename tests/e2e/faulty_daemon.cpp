@@ -11,6 +11,9 @@
 //   FAITRA_FAULT_STATVFS=COUNT           statvfs fails (EIO), any path;
 //   FAITRA_FAULT_INOTIFY_READ=COUNT      read on the inotify descriptor
 //                                        fails (EIO);
+//   FAITRA_FAULT_INOTIFY_OVERFLOW=COUNT  a read of events from it gives the
+//                                        kernel's queue overflow event
+//                                        instead (the events are lost);
 //   FAITRA_INSTANT_SLEEP=1               sleep returns at once (the
 //                                        cleaner's pauses cost nothing).
 //
@@ -89,6 +92,11 @@ fault& inotify_read_fault() {
   return f;
 }
 
+fault& inotify_overflow_fault() {
+  static fault f("FAITRA_FAULT_INOTIFY_OVERFLOW");
+  return f;
+}
+
 std::atomic<int> inotify_descriptor{-1};
 
 }  // namespace
@@ -142,7 +150,15 @@ extern "C" ssize_t read(int fd, void* buf, size_t n) {
     errno = EIO;
     return -1;
   }
-  return real(fd, buf, n);
+  const ssize_t got = real(fd, buf, n);
+  if (got > 0 && fd == inotify_descriptor.load() && inotify_overflow_fault().strikes()) {
+    inotify_event overflow{};
+    overflow.wd = -1;
+    overflow.mask = IN_Q_OVERFLOW;
+    std::memcpy(buf, &overflow, sizeof overflow);
+    return sizeof overflow;
+  }
+  return got;
 }
 
 extern "C" unsigned int sleep(unsigned int seconds) {

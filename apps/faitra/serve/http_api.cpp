@@ -457,6 +457,8 @@ void http_api::install(httplib::Server& server) {
     w.value<unsigned long>(m.drift_removed);
     w.key("updated", true);
     w.value<unsigned long>(m.drift_updated);
+    w.key("queue_overflows", true);
+    w.value<unsigned long>(m.queue_overflows);
     w.key("last", true);
     const auto last = d.reconcile().last();
     if (last) {

@@ -11,7 +11,9 @@
 //    catalogued; its deletion marker says who deleted it (a request, a
 //    cleanup, or nobody: removed by someone else);
 //  - drift repaired: counted by the reconcile as it repairs;
-//  - metadata derived from packets: counted by the deriver.
+//  - metadata derived from packets: counted by the deriver;
+//  - inotify queue overflows: the tracker counts the kernel's overflow
+//    events; the reconcile adds each new one here as it starts a run for it.
 //
 // Thread-safety: counters are atomics; render_metrics is pure.
 #pragma once
@@ -32,6 +34,7 @@ struct daemon_counters {
   std::atomic<unsigned long> drift_added{0};
   std::atomic<unsigned long> drift_removed{0};
   std::atomic<unsigned long> drift_updated{0};
+  std::atomic<unsigned long> queue_overflows{0};
 };
 
 // One consistent sample of everything /metrics reports.
@@ -60,6 +63,7 @@ struct metrics_sample {
   unsigned long derive_bytes_read = 0;
   unsigned long derive_failures = 0;
   unsigned long derive_queue = 0;
+  unsigned long queue_overflows = 0;
 };
 
 // Copies the counters into `sample` (the gauges are left as they are).

@@ -29,7 +29,10 @@
 // Running on the tracker's channel, repairs never interleave with the
 // tracker's own handlers.
 //
-// Runs happen every interval (0: never by themselves) and on request.
+// Runs happen every interval (0: never by themselves), on request, and at
+// once when the tracker reports that the kernel's event queue overflowed
+// (looked at every OVERFLOW_POLL); such a run that had to defer files is
+// followed by another once they have been quiet for QUIET_SECONDS.
 //
 // Lifetime: the handler is registered on the tracker's listener group in
 // the constructor; call stop() before the group is destroyed, and destroy
@@ -109,6 +112,7 @@ class reconciler {
  public:
   static constexpr long QUIET_SECONDS = 5;
   static constexpr std::chrono::milliseconds SETTLE_PAUSE{250};
+  static constexpr std::chrono::milliseconds OVERFLOW_POLL{100};
 
   reconciler(std::shared_ptr<csl::fs_cache> cache, csl::fs_tracker& tracker, cdl::task_listener_group& group,
              std::vector<std::string> suffixes, std::chrono::seconds interval, daemon_counters& counters,
