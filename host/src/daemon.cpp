@@ -2,6 +2,7 @@
 
 #include <faitra/host/catalogue.hpp>
 #include <faitra/host/catalogue_views.hpp>
+#include <faitra/host/time_text.hpp>
 
 #include <csl/fs_events.hpp>
 
@@ -71,6 +72,24 @@ daemon_options normalise(daemon_options o) {
   if (o.suffixes.empty()) throw std::invalid_argument("at least one capture suffix is needed");
   for (const std::string& suffix : o.suffixes) {
     if (suffix.empty()) throw std::invalid_argument("a capture suffix must not be empty (every file would match)");
+  }
+  if (o.max_age_ns && *o.max_age_ns < NS_PER_SECOND) {
+    throw std::invalid_argument("--max-age must be at least one second");
+  }
+  if (!o.hard_limit) {
+    o.hard_limit = o.auto_cleanup && o.trigger < static_cast<float>(DEFAULT_HARD_LIMIT) ? DEFAULT_HARD_LIMIT : 0.0;
+  } else if (*o.hard_limit != 0.0) {
+    if (!(*o.hard_limit > 0.0 && *o.hard_limit < 1.0)) {
+      throw std::invalid_argument("--hard-limit must lie between 0 and 1 (or be off)");
+    }
+    if (o.auto_cleanup && static_cast<float>(*o.hard_limit) <= o.trigger) {  // the trigger is a float
+      throw std::invalid_argument("--hard-limit must be above --trigger: the ceiling that the automatic cleanup "
+                                  "cannot keep is above the usage at which it starts");
+    }
+  }
+  o.hold_dir = normal_dir(o.hold_dir.empty() ? o.root + "/.faitra-holds" : o.hold_dir);
+  if (o.watch.count(o.hold_dir) != 0) {
+    throw std::invalid_argument("the hold directory " + o.hold_dir + " must not be a watched directory");
   }
   return o;
 }
@@ -196,16 +215,49 @@ capture_daemon::capture_daemon(daemon_options options)
       _reconciler->derive_with([deriver](csl::fs_entry& record) { deriver->overlay(record); },
                                [deriver](const std::string& path) { deriver->submit(path); });
     }
+    _holds = std::make_unique<hold_registry>(_options.hold_dir, *_options.watch.begin(), _cache, _log.get());
     _runtime.start();
     _jobs = std::make_unique<job_runner>(_log.get());
     _reconciler->start();
     _history = std::make_unique<cleanup_history>(*_cleaner, _counters);
     _history_seen.store(_history.get());
+    start_guards();
   } catch (...) {
     shutdown();
     throw;
   }
 }
+
+void capture_daemon::start_guards() {
+  if (*_options.hard_limit > 0.0) {
+    _hard_limit = std::make_unique<hard_limit_guard>(
+        *_options.hard_limit, _storage, [this] { return _holds->held_paths(); }, _log.get());
+    _tracker_listeners->task_channel(0).register_task_handler(&capture_daemon::capture_arrived, this,
+                                                              cdl::task_handler_order::last,
+                                                              csl::FS_EVENT_VERSION);
+    _log->info("Hard limit: the oldest captures are deleted at once from %.1f%% in use",
+               100 * *_options.hard_limit);
+  } else {
+    _log->info("Hard limit: off");
+  }
+  if (_options.max_age_ns) {
+    _retention = std::make_unique<age_retention>(*_options.max_age_ns, *_cleaner, _cache, _log.get());
+    _log->info("Max age: captures created more than %s ago are deleted (checked every %ld s)",
+               format_duration_ns(*_options.max_age_ns), static_cast<long>(age_retention::CHECK_PERIOD.count()));
+    _retention_thread = std::make_unique<periodic_thread>(
+        "The max-age check", age_retention::CHECK_PERIOD, [this] { _retention->check(wall_clock_ns()); },
+        _log.get());
+  }
+  _hold_upkeep = std::make_unique<periodic_thread>("The holds' upkeep", HOLD_UPKEEP_PERIOD,
+                                                   [this] {
+                                                     const uint64_t now = wall_clock_ns();
+                                                     _holds->expire(now);
+                                                     _holds->extend(now);
+                                                   },
+                                                   _log.get());
+}
+
+void capture_daemon::capture_arrived(cdl::task_ptr<csl::fs_entry_created>&) { _hard_limit->poke(); }
 
 capture_daemon::~capture_daemon() { shutdown(); }
 
@@ -219,6 +271,9 @@ void capture_daemon::shutdown() {
   if (_metadata_command_jobs) _metadata_command_jobs->cancel_all();
   if (_reset_command) _reset_command->cancel_all();
   if (_history) _history->stop();
+  if (_hard_limit) _hard_limit->stop();
+  if (_retention_thread) _retention_thread->stop();
+  if (_hold_upkeep) _hold_upkeep->stop();
   if (_jobs) _jobs->stop();
   if (_reconciler) _reconciler->stop();
   if (_deriver) _deriver->stop();
@@ -235,6 +290,11 @@ void capture_daemon::shutdown() {
   _jobs.reset();
   _history_seen.store(nullptr);
   _history.reset();
+  _hold_upkeep.reset();
+  _retention_thread.reset();
+  _retention.reset();
+  _hard_limit.reset();
+  _holds.reset();
   if (_log) _log->info("Stopped");
 }
 
@@ -322,6 +382,20 @@ metrics_sample capture_daemon::sample_metrics() {
     s.derive_failures = d.failures.load();
     s.derive_queue = _deriver->queued();
   }
+  if (_hard_limit) {
+    const auto h = _hard_limit->sample();
+    s.hard_limit_episodes = h.episodes;
+    s.hard_limit_deleted = h.deleted;
+  }
+  if (_retention) {
+    const auto r = _retention->sample();
+    s.max_age_runs = r.runs;
+    s.max_age_deleted = r.marked;
+  }
+  const auto held = _holds->summary();
+  s.holds = held.holds;
+  s.held_captures = held.captures;
+  s.held_bytes = held.bytes;
   return s;
 }
 

@@ -90,6 +90,16 @@ std::string render_metrics(const metrics_sample& s) {
   single(out, "faitra_inotify_overflows_total", "counter",
          "Times the kernel's inotify queue overflowed and file events were lost; each starts a reconcile.",
          s.queue_overflows);
+  single(out, "faitra_hard_limit_episodes_total", "counter",
+         "Times usage reached the hard limit and captures were deleted at once.", s.hard_limit_episodes);
+  single(out, "faitra_hard_limit_deleted_total", "counter", "Captures the hard limit deleted.",
+         s.hard_limit_deleted);
+  single(out, "faitra_max_age_runs_total", "counter", "Age cleanups started by --max-age.", s.max_age_runs);
+  single(out, "faitra_max_age_deleted_total", "counter", "Captures those age cleanups concerned.",
+         s.max_age_deleted);
+  single(out, "faitra_holds", "gauge", "Evidence holds in force.", s.holds);
+  single(out, "faitra_held_captures", "gauge", "Captures kept by evidence holds.", s.held_captures);
+  single(out, "faitra_held_bytes", "gauge", "Bytes of the distinct files kept by evidence holds.", s.held_bytes);
   single(out, "faitra_scan_problems", "gauge", "Files skipped by the start-up scan.", s.scan_problems);
   single(out, "faitra_handler_failures_total", "counter", "Exceptions that escaped a task handler.",
          s.handler_failures);

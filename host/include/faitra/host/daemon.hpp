@@ -5,12 +5,16 @@
 // Construction order: the tracker's worker and listener groups; the
 // catalogue and the tracker, monitoring on (build_catalogue, which survives
 // captures with malformed attributes); the storage; the cleaner; the
-// reconcile; the runtime's start callbacks (the storage's delete thread);
-// the job and reconcile threads; the cleanup history's thread.
+// reconcile; the hold registry (holds loaded from the hold directory); the
+// runtime's start callbacks (the storage's delete thread); the job and
+// reconcile threads; the cleanup history's thread; the hard-limit guard, the
+// retention by age and the holds' upkeep (expiry, windows that take new
+// captures).
 //
 // shutdown() (also run by the destructor) goes the other way, in the order
-// the library requires: the cleanup history, background jobs (running commands are killed) and
-// the reconcile thread; the runtime's stop callbacks (the delete thread is
+// the library requires: the cleanup history, the hard-limit guard, the
+// retention and the holds' upkeep; background jobs (running commands are
+// killed) and the reconcile thread; the runtime's stop callbacks (the delete thread is
 // joined); the tracker's monitoring; the tracker's listener group and
 // worker group (no handler can run after that); then the cleaner (which
 // waits for a running cleanup, possibly inside its 15-second pause), the
@@ -25,8 +29,12 @@
 #include <faitra/host/cleanup_history.hpp>
 #include <faitra/host/daemon_command.hpp>
 #include <faitra/host/metadata_deriver.hpp>
+#include <faitra/host/hard_limit.hpp>
+#include <faitra/host/holds.hpp>
 #include <faitra/host/metrics.hpp>
+#include <faitra/host/periodic.hpp>
 #include <faitra/host/reconcile.hpp>
+#include <faitra/host/retention.hpp>
 
 #include <csl/fs_cache.hpp>
 #include <csl/fs_cleaner.hpp>
@@ -67,7 +75,21 @@ struct daemon_options {
   bool verbose = false;
   std::chrono::seconds reconcile_interval{60};
   bool derive_metadata = true;  // derive what writers left out, from the packets
+  // Captures created longer ago than this are deleted (checked at start and
+  // every minute); none: no limit by age.
+  std::optional<uint64_t> max_age_ns;
+  // Fraction in use at which the oldest captures are deleted at once. None:
+  // DEFAULT_HARD_LIMIT while the automatic cleanup is on and its trigger is
+  // below that, otherwise off; 0: off. Must lie above the trigger (when the
+  // automatic cleanup is on) and below 1.
+  std::optional<double> hard_limit;
+  // Where held captures are linked; empty: ROOT/.faitra-holds.
+  std::string hold_dir;
 };
+
+constexpr double DEFAULT_HARD_LIMIT = 0.97;
+// How often the holds' expiry and followed windows are looked at.
+constexpr std::chrono::seconds HOLD_UPKEEP_PERIOD{10};
 
 // One thread that runs accepted jobs (age and metadata cleanups) in order.
 class job_runner {
@@ -114,6 +136,10 @@ class capture_daemon {
   reconciler& reconcile() { return *_reconciler; }
   // Null when derivation is off.
   const metadata_deriver* deriver() const { return _deriver.get(); }
+  hold_registry& holds() { return *_holds; }
+  // Null when off.
+  const hard_limit_guard* hard_limit() const { return _hard_limit.get(); }
+  const age_retention* retention() const { return _retention.get(); }
   job_runner& jobs() { return *_jobs; }
   const cleanup_history& history() const { return *_history; }
   const daemon_counters& counters() const { return _counters; }
@@ -124,6 +150,8 @@ class capture_daemon {
   cdl::nullable<std::string> clean_metadata(unsigned long start, unsigned long end);
   bool reset_disk_cache();
   void count_deletion(cdl::task_ptr<csl::fs_entry_deleted>& task);
+  void capture_arrived(cdl::task_ptr<csl::fs_entry_created>& task);
+  void start_guards();
   void destroy_cleaner();
 
   daemon_options _options;
@@ -152,6 +180,11 @@ class capture_daemon {
   std::unique_ptr<job_runner> _jobs;
   std::unique_ptr<cleanup_history> _history;
   std::atomic<cleanup_history*> _history_seen{nullptr};  // for the cleaner's callbacks
+  std::unique_ptr<hold_registry> _holds;
+  std::unique_ptr<hard_limit_guard> _hard_limit;
+  std::unique_ptr<age_retention> _retention;
+  std::unique_ptr<periodic_thread> _retention_thread;
+  std::unique_ptr<periodic_thread> _hold_upkeep;
   bool _shut_down = false;
 };
 

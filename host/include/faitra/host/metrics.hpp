@@ -13,7 +13,8 @@
 //  - drift repaired: counted by the reconcile as it repairs;
 //  - metadata derived from packets: counted by the deriver;
 //  - inotify queue overflows: the tracker counts the kernel's overflow
-//    events; the reconcile adds each new one here as it starts a run for it.
+//    events; the reconcile adds each new one here as it starts a run for it;
+//  - the hard limit, the retention by age and the holds count what they do.
 //
 // Thread-safety: counters are atomics; render_metrics is pure.
 #pragma once
@@ -64,6 +65,13 @@ struct metrics_sample {
   unsigned long derive_failures = 0;
   unsigned long derive_queue = 0;
   unsigned long queue_overflows = 0;
+  unsigned long hard_limit_episodes = 0;
+  unsigned long hard_limit_deleted = 0;
+  unsigned long max_age_runs = 0;
+  unsigned long max_age_deleted = 0;
+  unsigned long holds = 0;
+  unsigned long held_captures = 0;
+  unsigned long held_bytes = 0;
 };
 
 // Copies the counters into `sample` (the gauges are left as they are).
