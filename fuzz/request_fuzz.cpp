@@ -9,8 +9,9 @@
 // is never empty, a path or mode holds no NUL byte, a timeline has 1 to 1000
 // buckets, a mode is one of the three names, a nanosecond cut-off cannot
 // overflow, a packets request has a window, limits of at least 1 and a
-// filter within its bound, and an accepted Authorization header names the
-// token.
+// filter within its bound, an accepted Authorization header names the
+// token, and a hold names a window or paths, with a reason, and no text
+// holds a NUL byte.
 #include "fuzz_check.hpp"
 
 #include "api_request.hpp"
@@ -30,7 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace faitra_cli;
   try {
     check_body_size(body);
-    switch (data[0] % 11) {
+    switch (data[0] % 13) {
       case 0: {
         const list_request r = parse_list_request(target);
         if (r.range) FUZZ_CHECK(r.range->start <= r.range->end);
@@ -95,6 +96,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
         break;
       }
+      case 11: {
+        const faitra_host::hold_request r = parse_hold_request(target, body);
+        FUZZ_CHECK(!r.reason.empty() && r.reason.find('\0') == std::string::npos);
+        FUZZ_CHECK(r.window ? r.paths.empty() && r.window->start <= r.window->end : !r.paths.empty());
+        for (const std::string& path : r.paths) FUZZ_CHECK(!path.empty() && path.find('\0') == std::string::npos);
+        break;
+      }
+      case 12:
+        parse_hold_release_request(target);
+        break;
       default:
         parse_plain_request(target);
         break;

@@ -109,6 +109,16 @@ std::string body_string(const rapidjson::Document& doc, const char* name) {
   return text;
 }
 
+// A string member without NUL bytes, of 1 to `limit` bytes.
+std::string body_text(const rapidjson::Value& v, const std::string& name, size_t limit) {
+  if (!v.IsString()) throw api_error(400, name + " must be a string");
+  const std::string text(v.GetString(), v.GetStringLength());
+  if (text.empty()) throw api_error(400, name + " is empty");
+  if (text.size() > limit) throw api_error(400, name + " is longer than " + std::to_string(limit) + " bytes");
+  if (text.find('\0') != std::string::npos) throw api_error(400, name + " contains a NUL byte");
+  return text;
+}
+
 unsigned long body_unsigned(const rapidjson::Document& doc, const char* name) {
   const auto& v = doc[name];
   if (!v.IsUint64()) {
@@ -333,6 +343,35 @@ timeline_request parse_timeline_request(const std::string& target, uint64_t now_
   }
   if (buckets) out.buckets = *buckets;
   return out;
+}
+
+faitra_host::hold_request parse_hold_request(const std::string& target, const std::string& body, uint64_t now_ns) {
+  checked_params(target, {});
+  const rapidjson::Document doc = json_body(body, {"reason"}, {"start", "end", "paths", "expires"});
+  faitra_host::hold_request out;
+  out.reason = body_text(doc["reason"], "reason", MAX_REASON_BYTES);
+  const bool window = doc.HasMember("start") || doc.HasMember("end");
+  if (window == doc.HasMember("paths")) throw api_error(400, "give either start and end, or paths");
+  if (window) {
+    if (!doc.HasMember("start") || !doc.HasMember("end")) throw api_error(400, "start and end must be given together");
+    out.window = faitra_host::time_window{body_time(doc, "start", now_ns, false), body_time(doc, "end", now_ns, false)};
+    if (out.window->start > out.window->end) throw api_error(400, "start must not be after end");
+  } else {
+    const auto& paths = doc["paths"];
+    if (!paths.IsArray() || paths.Empty()) throw api_error(400, "paths must be a non-empty array of paths");
+    if (paths.Size() > MAX_HOLD_PATHS) {
+      throw api_error(400, "at most " + std::to_string(MAX_HOLD_PATHS) + " paths can be held at once");
+    }
+    for (const auto& path : paths.GetArray()) out.paths.push_back(body_text(path, "a path", MAX_BODY_BYTES));
+  }
+  if (doc.HasMember("expires") && !doc["expires"].IsNull()) out.expires_ns = body_time(doc, "expires", now_ns, false);
+  return out;
+}
+
+unsigned long parse_hold_release_request(const std::string& target) {
+  const auto id = unsigned_param(checked_params(target, {"id"}), "id");
+  if (!id) throw api_error(400, "id is required");
+  return *id;
 }
 
 void parse_plain_request(const std::string& target) { checked_params(target, {}); }

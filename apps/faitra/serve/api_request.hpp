@@ -21,6 +21,7 @@
 #pragma once
 
 #include <faitra/host/catalogue_views.hpp>
+#include <faitra/host/holds.hpp>
 #include <faitra/host/time_text.hpp>
 
 #include <csl/fs_cleaner.hpp>
@@ -139,7 +140,18 @@ struct timeline_request {
 };
 timeline_request parse_timeline_request(const std::string& target, uint64_t now_ns = faitra_host::wall_clock_ns());
 
-// Requests that take no parameters (status, storage, metrics).
+// POST /v1/holds {"start", "end"} or {"paths"}, "reason", optional "expires"
+// (times: ns or time texts; expires may be null). The reason and each path
+// are non-empty strings without NUL bytes.
+constexpr size_t MAX_HOLD_PATHS = 10000;
+constexpr size_t MAX_REASON_BYTES = 1024;
+faitra_host::hold_request parse_hold_request(const std::string& target, const std::string& body,
+                                             uint64_t now_ns = faitra_host::wall_clock_ns());
+
+// DELETE /v1/holds?id=
+unsigned long parse_hold_release_request(const std::string& target);
+
+// Requests that take no parameters (status, storage, metrics, the holds' list).
 void parse_plain_request(const std::string& target);
 
 }  // namespace faitra_cli

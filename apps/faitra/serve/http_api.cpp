@@ -2,6 +2,7 @@
 
 #include "serve/api_json.hpp"
 #include "serve/operator_api.hpp"
+#include "serve/retention_api.hpp"
 #include "serve/status_page.hpp"
 #include <faitra/host/capture_overlap.hpp>
 #include <faitra/host/escaped_bytes.hpp>
@@ -29,7 +30,7 @@ namespace {
 const std::set<std::string> KNOWN_PATHS = {
     "/v1/captures",     "/v1/captures/lookup",         "/v1/storage", "/v1/cleanup/age", "/v1/packets",
     "/v1/cleanup/metadata", "/v1/cleanup/metadata/automatic", "/v1/status", "/v1/reconcile",
-    "/metrics",         "/healthz",
+    "/v1/holds",        "/metrics",         "/healthz",
 };
 
 // Methods whose requests httplib expects a body with.
@@ -492,6 +493,7 @@ void http_api::install(httplib::Server& server) {
     }
     w.key("handler_failures", true);
     w.value<unsigned long>(m.handler_failures);
+    write_retention_status(w, d);
     w.end_object();
     send_json(res, 200, w);
   }));
@@ -505,6 +507,7 @@ void http_api::install(httplib::Server& server) {
   install_packets_route(server, *this, d, _max_retrievals);
   install_status_page(server);
   install_operator_routes(server, *this, d);
+  install_hold_routes(server, *this, d);
 }
 
 }  // namespace faitra_cli

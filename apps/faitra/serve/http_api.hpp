@@ -53,9 +53,11 @@ class http_api {
   // Replaces the token that requests must carry from now on.
   void set_token(std::string token);
 
- private:
-  // Registers `h` for `method` and `path` with the server and in _routes.
+  // Registers `h` for `method` and `path` with the server and in _routes
+  // (a route whose requests may come without a body must be).
   void route(httplib::Server& server, const std::string& method, const std::string& path, api_handler h);
+
+ private:
   std::optional<std::string> token() const;
 
   faitra_host::capture_daemon& _daemon;

@@ -7,6 +7,7 @@
 #include "serve/json_log.hpp"
 #include <faitra/host/daemon_address.hpp>
 #include <faitra/host/listen_socket.hpp>
+#include <faitra/host/time_text.hpp>
 
 #include <httplib.h>
 
@@ -58,6 +59,9 @@ struct serve_options {
   unsigned max_retrievals = http_api::DEFAULT_MAX_RETRIEVALS;
   bool derive_metadata = false;  // the default anyway; kept for explicit configurations
   bool no_derive_metadata = false;
+  std::string max_age;
+  std::string hard_limit;
+  std::string hold_dir;
 };
 
 // The longest --reconcile-interval: a year (0 turns the periodic runs off).
@@ -70,6 +74,20 @@ class adopting_server : public httplib::Server {
  public:
   void adopt(int listening_fd) { svr_sock_ = listening_fd; }
 };
+
+// --hard-limit: a fraction, or "off" (0); nothing when not given.
+std::optional<double> parse_hard_limit(const std::string& text, std::string& error) {
+  if (text.empty()) return std::nullopt;
+  if (text == "off") return 0.0;
+  try {
+    size_t used = 0;
+    const double value = std::stod(text, &used);
+    if (used == text.size()) return value;
+  } catch (const std::exception&) {
+  }
+  error = text + " is not a fraction: expected a number between the trigger and 1, or off";
+  return std::nullopt;
+}
 
 // SIGHUP (sent by operators and log rotation) reloads what can change while
 // the daemon runs: the token file. A token that cannot be read leaves the
@@ -137,6 +155,20 @@ int run_serve(const serve_options& cli, bool log_level_given) {
   options.verbose = cli.verbose;
   options.reconcile_interval = std::chrono::seconds(cli.reconcile_interval);
   options.derive_metadata = !cli.no_derive_metadata;
+  std::string option_error;
+  if (!cli.max_age.empty()) {
+    options.max_age_ns = parse_duration_ns(cli.max_age, option_error);
+    if (!options.max_age_ns) {
+      std::cerr << "faitra serve: --max-age: " << option_error << "\n";
+      return 1;
+    }
+  }
+  options.hard_limit = parse_hard_limit(cli.hard_limit, option_error);
+  if (!option_error.empty()) {
+    std::cerr << "faitra serve: --hard-limit: " << option_error << "\n";
+    return 1;
+  }
+  options.hold_dir = cli.hold_dir;
 
   // Each directory scan (at start and at every reconcile) takes a 16 MB
   // buffer. glibc serves the first from mmap, but on its release raises its
@@ -291,6 +323,16 @@ void register_serve(CLI::App& app, int& exit_code) {
                   "Retry-After. Each has a server thread of its own")
       ->capture_default_str()
       ->check(unsigned_value(1, 16));
+  sub->add_option("--max-age", cli->max_age,
+                  "Delete captures created longer ago than this (7d, 12h, 1h30m, or seconds), checked at start "
+                  "and every minute through the age cleanup of files (default: no limit by age)");
+  sub->add_option("--hard-limit", cli->hard_limit,
+                  "Fraction in use (above --trigger, below 1) at which the oldest captures are deleted at once, "
+                  "without the automatic cleanup's pauses, until usage is under it; off to disable (default: "
+                  "0.97 while the automatic cleanup is on with a lower trigger, otherwise off)");
+  sub->add_option("--hold-dir", cli->hold_dir,
+                  "Directory for evidence holds, on the captures' file system and outside the watched "
+                  "directories (default: ROOT/.faitra-holds)");
   sub->add_flag("--derive-metadata", cli->derive_metadata,
                 "Derive the key, start, end and creation time of captures that lack their attributes from their "
                 "packets, and set the attributes on the files (the default)");
