@@ -55,6 +55,10 @@ TEST(DaemonLifecycleTest, RefusesUnusableOptions) {
       {"--root", fs.path(), "--watch", elsewhere.path()},
       {"--root", fs.file("missing")},
       {"--root", fs.path(), "--log-level", "chatty"},
+      {"--root", fs.path(), "--trigger", "0.9", "--hard-limit", "0.9"},
+      {"--root", fs.path(), "--hard-limit", "most"},
+      {"--root", fs.path(), "--max-age", "7x"},
+      {"--root", fs.path(), "--hold-dir", fs.path()},
   };
   for (const auto& args : cases) {
     SCOPED_TRACE(args[args.size() - 2] + " " + args.back());
