@@ -351,12 +351,40 @@ def write(results, docs, quick=False):
         p(report_text("derivation"))
         p("")
 
+    out.extend(hard_limit_section(results))
     p("## Design constants")
     p("")
     p(report_text("constants"))
     p("")
     with open(os.path.join(docs, "performance.md"), "w") as f:
         f.write("\n".join(out))
+
+
+HARD_LIMIT_TITLE = "## 8. Hard limit: a disk that never fills"
+
+
+def hard_limit_section(results, separate_run=False):
+    """The hard limit's section: the highest usage a paced writer reached on
+    a 128 MiB tmpfs, with --hard-limit 0.97 and without."""
+    h = results["hard_limit"]
+    lines = [HARD_LIMIT_TITLE, ""]
+    if separate_run:
+        load = ", ".join(f"{x:.2f}" for x in results["load"])
+        lines += [f"From a separate run (`bench/run.py --only hard-limit`) of {results['started']}, "
+                  f"load average {load} before it.", ""]
+    lines += ["Reproduce: `build/bench/bench/hard_limit_bench build/bench/apps/faitra on|off MB_S 20` (root: "
+              "mounts a 128 MiB tmpfs; 4 MiB captures in 64 KiB writes paced to MB_S, 0 for as fast as they go; "
+              "trigger 0.9, stop 0.8; statvfs sampled every 100 us).", "",
+              "| writer pace | hard limit | paced writer achieved | highest fraction in use | samples at 100 % | "
+              "lost to a full disk | captures the hard limit deleted |",
+              "|---|---|---|---|---|---|---|"]
+    for key, r in h.items():
+        pace = f"{r['rate']} MB/s" if r["rate"] else "unpaced"
+        lines.append(f"| {pace} | {'0.97' if r['mode'] == 'on' else 'off'} | {fmt(r['achieved_mb_s'], digits=0)} MB/s | "
+                     f"{fmt(r['highest_fraction'], digits=4)} | {r['full_samples']['max']:.0f} | "
+                     f"{r['lost_mib']['max']:.0f} MiB | {fmt(r['hard_limit_deletions'], digits=0)} |")
+    lines += ["", report_text("hard_limit"), ""]
+    return lines
 
 
 def report_text(section):

@@ -163,6 +163,8 @@ def cleanup(tools, repetitions, with_pauses):
     return result
 
 
+
+
 def derivation(tools, repetitions, quick):
     """Derivation against a plain read over the same bytes, and close-to-visible latency."""
     directory = os.path.join(tempfile.gettempdir(), "faitra-bench-derive")
@@ -178,6 +180,42 @@ def derivation(tools, repetitions, quick):
     latency = {key: summary([r[key] for r in lat_runs]) for key in ("p50_ms", "p99_ms", "max_ms", "read_ms")}
     latency.update({"files": files, "mib": 10})
     return {"throughput": throughput, "latency": latency}
+
+
+HARD_LIMIT_RATES = [30, 100, 300, 0]  # MB/s; 0: as fast as the tmpfs takes the writes
+
+
+def hard_limit(tools, repetitions, seconds):
+    """A writer filling a 128 MiB tmpfs under the daemon, with the hard limit
+    at 0.97 and without it (the automatic cleanup alone, 15 s pauses)."""
+    results = {}
+    for rate in HARD_LIMIT_RATES:
+        for mode in ("on", "off"):
+            log(f"hard limit {mode}, writer at {rate or 'full'} MB/s, {seconds} s x {repetitions}")
+            runs = [run_json([tools["hard_limit_bench"], tools["faitra"], mode, str(rate), str(seconds)])
+                    for _ in range(repetitions)]
+            results[f"{mode}:{rate}"] = {
+                "mode": mode, "rate": rate,
+                **{k: summary([r[k] for r in runs]) for k in ("highest_fraction", "achieved_mb_s", "lost_mib",
+                                                               "full_samples", "hard_limit_deletions")}}
+    return results
+
+
+def update_section(docs, title, lines):
+    """Replaces the section `title` of docs/performance.md (up to the next
+    section) with `lines`, or puts it before the design constants."""
+    path = os.path.join(docs, "performance.md")
+    with open(path) as f:
+        text = f.read().split("\n")
+    heading = next((i for i, line in enumerate(text) if line == title), None)
+    if heading is None:
+        at = next(i for i, line in enumerate(text) if line == "## Design constants")
+        text[at:at] = lines
+    else:
+        end = next(i for i in range(heading + 1, len(text)) if text[i].startswith("## "))
+        text[heading:end] = lines
+    with open(path, "w") as f:
+        f.write("\n".join(text))
 
 
 def profile(tools):
@@ -216,6 +254,8 @@ def main():
     parser.add_argument("--docs", default="docs")
     parser.add_argument("--quick", action="store_true", help="fewer repetitions, no 30 s cleanup run")
     parser.add_argument("--clean-data", action="store_true", help="remove the kept capture directories and exit")
+    parser.add_argument("--only", choices=["hard-limit"],
+                        help="run one benchmark and replace only its section of performance.md")
     args = parser.parse_args()
     if args.clean_data:
         for n in (10000, 100000):
@@ -223,9 +263,16 @@ def main():
         return
     tools = {name: os.path.join(args.build, "bench", name) for name in
              ("make_captures", "scan_floor", "lib_scan", "cache_bench", "memory_bench", "freshness_bench",
-              "throughput_bench", "cleanup_bench", "derive_bench")}
+              "throughput_bench", "cleanup_bench", "derive_bench", "hard_limit_bench")}
     tools["faitra"] = os.path.join(args.build, "apps", "faitra")
     reps = 2 if args.quick else 5
+    if args.only == "hard-limit":
+        result = {"hard_limit": hard_limit(tools, 1 if args.quick else 3, 10 if args.quick else 20),
+                  "started": time.strftime("%Y-%m-%d %H:%M:%S UTC", time.gmtime()),
+                  "load": os.getloadavg()}
+        update_section(args.docs, report.HARD_LIMIT_TITLE, report.hard_limit_section(result, separate_run=True))
+        log(f"updated the hard limit section of {os.path.join(args.docs, 'performance.md')}")
+        return
     results = {"load_before": os.getloadavg(), "started": time.strftime("%Y-%m-%d %H:%M:%S UTC", time.gmtime()),
                "cpus": os.cpu_count(), "kernel": os.uname().release}
     results["scan"] = scan(tools, [10000, 100000], reps)
@@ -235,6 +282,7 @@ def main():
     results["throughput"] = throughput(tools, [1000, 5000, 20000], 2, 3 if not args.quick else 1)
     results["cleanup"] = cleanup(tools, reps, not args.quick)
     results["derivation"] = derivation(tools, 3 if not args.quick else 1, args.quick)
+    results["hard_limit"] = hard_limit(tools, 1 if args.quick else 3, 10 if args.quick else 20)
     results["profile"] = profile(tools)
     results["load_after"] = os.getloadavg()
     with open(os.path.join(args.build, "bench-results.json"), "w") as f:
