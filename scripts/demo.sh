@@ -11,14 +11,17 @@
 #      against the trigger (50 %) and stop (25 %) fractions, the cleaner's
 #      state, cleanup runs and deletions;
 #   4. once usage reaches the trigger, the daemon's cleanup deletes the
-#      oldest captures until usage is below the stop fraction.
+#      oldest captures until usage is below the stop fraction;
+#   5. at the end, one analyst's query: the large UDP packets of the last
+#      20 seconds as one pcap, with `faitra extract`.
 #
 # The cleaner waits 15 s before deleting and 15 s after, by design, so a run
 # takes about 30 s. The demo watches until a run has deleted captures, the
 # cleaner is idle again and DEMO_SECONDS (default 45) have passed (at most
 # 150 s); then it stops everything (SIGTERM, wait, unmount) and prints a
 # summary. Exit status 0 when the cleanup deleted exactly the oldest
-# captures. Ctrl-C stops and cleans up too.
+# captures and the extraction wrote its file. Ctrl-C stops and cleans up
+# too.
 #
 # Usage: scripts/demo.sh   (after a build; `make demo` does both)
 # Environment: FAITRA (the binary, default build/default/apps/faitra),
@@ -41,7 +44,7 @@ if [ ! -x "$FAITRA" ]; then
   exit 1
 fi
 FAITRA=$(realpath "$FAITRA")
-for tool in curl python3; do
+for tool in curl python3 tcpdump; do
   command -v "$tool" >/dev/null || { echo "demo: $tool is needed (scripts/install-deps.sh)" >&2; exit 1; }
 done
 
@@ -202,6 +205,21 @@ esac
 final_status=$(curl -sf --max-time 2 "$URL/v1/status" || echo '{}')
 final_df=$(df -h --output=used,size,pcent "$CAPTURES" | tail -n 1)
 
+# 5. One extraction: every packet of the last 20 s larger than 1000 bytes,
+# from whichever captures hold them, as one file.
+say ""
+say "\$ faitra extract --listen ${URL#http://} --start -20s --end now --filter 'udp and greater 1000' -w window.pcap"
+extracted=no
+if "$FAITRA" extract --listen "${URL#http://}" --start -20s --end now --filter 'udp and greater 1000' \
+     -w "$WORK/window.pcap" 2>"$WORK/extract.err"; then
+  packets=$(tcpdump -r "$WORK/window.pcap" -n 2>/dev/null | wc -l)
+  say "window.pcap: $(stat -c %s "$WORK/window.pcap") bytes, $packets packets; the first and last:"
+  tcpdump -r "$WORK/window.pcap" -n --time-stamp-precision=nano 2>/dev/null | sed -n '1p;$p' | sed 's/^/  /'
+  extracted=yes
+else
+  say "demo: faitra extract failed: $(cat "$WORK/extract.err")"
+fi
+
 # 4. Stop everything, then the summary.
 say ""
 say "stopping: faitra gen, then faitra serve (SIGTERM; a cleanup check that is waiting may hold it up to 15 s),"
@@ -237,10 +255,15 @@ if [ "$deleted" -gt 0 ]; then
 fi
 say "captures remaining: $remaining"
 say "final usage:        $final_df (used size use%)"
+say "extraction:         $extracted (the last 20 s, 'udp and greater 1000')"
 say "final status:       $(printf '%s' "$final_status" | python3 -c 'import json,sys; s=json.load(sys.stdin); print(json.dumps({k: s[k] for k in ("captures", "usage", "cleanup") if k in s}))' 2>/dev/null || echo unavailable)"
 
 if [ "$deleted" -eq 0 ] || [ "$oldest_first" != yes ]; then
   say "demo: FAILED: the cleanup did not delete the oldest captures"
+  exit 1
+fi
+if [ "$extracted" != yes ]; then
+  say "demo: FAILED: the extraction did not complete"
   exit 1
 fi
 say "demo: OK"
