@@ -61,6 +61,7 @@ struct stream {
   std::unique_ptr<packet_retrieval> retrieval;
   std::string what;  // window and filter, for the log
   std::string buffer;
+  bool header_sent = false;
   std::chrono::steady_clock::time_point began = std::chrono::steady_clock::now();
   bool client_gone = false;
   bool failed = false;
@@ -126,7 +127,9 @@ void install_packets_route(httplib::Server& server, const http_api& api, capture
           // catch it on this thread.
           try {
             s->buffer.clear();
-            const bool more = s->retrieval->produce(s->buffer, CHUNK, SLICE);
+            // The file header goes out alone, as soon as it is known.
+            const bool more = s->retrieval->produce(s->buffer, s->header_sent ? CHUNK : 1, SLICE);
+            s->header_sent = true;
             if (!s->buffer.empty() && !sink.write(s->buffer.data(), s->buffer.size())) {
               s->client_gone = true;
               return false;
