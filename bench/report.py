@@ -112,6 +112,105 @@ plot $d using 1:1 with lines dt 2 title 'rate tried', \\
 """)
 
 
+PACKETS_HEADING = "## 9. Packets for a time window"
+
+
+def packets_targets(r):
+    """(measure, target, value, holds) rows of the packets benchmark."""
+    w, c = r["wall"], r["cpu"]
+    faitra = w["faitra"]["median"]
+    script = w["mergecap, tcpdump, editcap on all files"]["median"] / faitra
+    tcpdump = faitra / w["tcpdump -r, overlapping files"]["median"]
+    script_cpu = c["mergecap, tcpdump, editcap on all files"]["median"] / c["faitra"]["median"]
+    tcpdump_cpu = c["faitra"]["median"] / c["tcpdump -r, overlapping files"]["median"]
+    m = r["memory_kib"]
+    growth = (m["after_hour"]["VmHWM"] - m["before"]["VmHWM"]) / 1024
+    ttfb = r["ttfb_100k_ms"]["median"]
+    middle = r["ttfb_100k_middle_ms"]["median"]
+    return [
+        ("1-minute window: script over every file / faitra", "at least 20",
+         f"{script:.1f} (CPU {script_cpu:.1f})", script >= 20),
+        ("1-minute window: faitra / tcpdump -r on the overlapping files", "at most 1.0",
+         f"{tcpdump:.2f} (CPU {tcpdump_cpu:.2f})", tcpdump <= 1.0),
+        (f"time to first byte, {r['catalogued']:,} captures catalogued, recent window", "under 50 ms",
+         f"{ttfb:.2f} ms", ttfb < 50),
+        (f"time to first byte, {r['catalogued']:,} captures catalogued, window in their middle", "under 50 ms",
+         f"{middle:.2f} ms", middle < 50),
+        ("daemon's peak memory growth, whole hour streamed", "flat (a few MiB)", f"{growth:.1f} MiB", growth < 16),
+    ]
+
+
+def packets_section(r, separate_run=None):
+    """The packets section; `separate_run` (when, load average) for a run of
+    `bench/run.py --only packets`."""
+    out = []
+    p = out.append
+    p(PACKETS_HEADING)
+    p("")
+    if separate_run:
+        p(f"From a separate run (`bench/run.py --only packets`) of {separate_run[0]}, load average "
+          f"{', '.join(f'{x:.2f}' for x in separate_run[1])} before it.")
+        p("")
+    p("Reproduce: `bench/run.py --only packets` (this section alone) or `make bench`. "
+      "`build/bench/bench/packets_bench hour DIR` writes one hour of captures: 360 of 10 s, 200 packets a second "
+      "of Ethernet/IPv4/UDP (60 to 800 bytes) whose destination port cycles over ten values, nanosecond pcap "
+      "with the capture attributes. The window is one minute in the middle of the hour, the filter "
+      f"`{r['filter']}` keeps a tenth of its packets ({r['packets_out']:,} packets out). Each program runs as a "
+      "whole process, hot cache, interleaved with the others:")
+    p("")
+    p("```")
+    p("packets_bench get ADDR '/v1/packets?start=S&end=E&filter=udp%20dst%20port%205003'   # faitra serve on the hour")
+    p("mergecap -F nsecpcap -w - DIR/*.pcap | tcpdump -r - -w - 'udp dst port 5003' | editcap -A S -B E - -")
+    p("for f in OVERLAPPING; do tcpdump -r $f -w - 'udp dst port 5003'; done")
+    p("```")
+    p("")
+    p("| measure | target | this run | |")
+    p("|---|---|---|---|")
+    for name, target, value, ok in packets_targets(r):
+        p(f"| {name} | {target} | {value} | {verdict(ok)} |")
+    p("")
+    p("| program | wall s | / faitra | CPU s | / faitra |")
+    p("|---|---|---|---|---|")
+    base, base_cpu = r["wall"]["faitra"]["median"], r["cpu"]["faitra"]["median"]
+    for name, v in r["wall"].items():
+        c = r["cpu"][name]
+        p(f"| {name} | {fmt(v, digits=4)} | {v['median'] / base:.2f} | {fmt(c, digits=4)} | "
+          f"{c['median'] / base_cpu:.2f} |")
+    p("")
+    p("CPU time is user plus system time of each program's processes; for faitra, the client's and the "
+      "daemon's during the request. The machine is shared, so wall times carry the load of other work.")
+    p("")
+    p(f"The script reads all {r['files']} files; faitra and the tcpdump loop read the {r['overlapping']} captures "
+      "that overlap the window (found with `GET /v1/captures`, overlap matching). Inside the request (client "
+      f"clock, connection to last byte) faitra takes {fmt(r['faitra_request_s'], 1000, 2, ' ms')}. "
+      f"The packets faitra returns are those of the script, byte for byte and in order: "
+      f"{'yes' if r['same_packets'] else '**no**'}.")
+    p("")
+    p(f"Time to first byte (the file header, sent once the captures are selected, opened and probed and the "
+      f"filter compiled), client clock, 20 requests each: with {r['catalogued']:,} captures catalogued (the hour "
+      f"after 99,640 older one-packet captures, one a second), {fmt(r['ttfb_100k_ms'], digits=2, unit=' ms')} "
+      f"for the same minute of the hour and {fmt(r['ttfb_100k_middle_ms'], digits=2, unit=' ms')} for a minute "
+      f"in the middle of the older captures; {fmt(r['ttfb_360_ms'], digits=2, unit=' ms')} with the hour alone. "
+      f"The selection alone, timed inside one process over the same catalogue (`packets_bench select`, median "
+      f"of 21): {r['selection_ms']['recent']['cpu_ms']:.2f} ms of CPU ({r['selection_ms']['recent']['wall_ms']:.2f} "
+      f"ms wall) for the recent window, {r['selection_ms']['middle']['cpu_ms']:.2f} ms of CPU "
+      f"({r['selection_ms']['middle']['wall_ms']:.2f} ms wall) for the one in the middle.")
+    p("")
+    m = r["memory_kib"]
+    p("Daemon memory (kB, from /proc): ")
+    p("")
+    p("| when | VmRSS | VmHWM (peak) |")
+    p("|---|---|---|")
+    for label, key in (("before the runs above", "before"), ("after the 1-minute windows", "after_minutes"),
+                       (f"after a window covering the whole hour, no filter ({r['hour_bytes'] / 2**20:,.0f} MiB "
+                        f"streamed in {r['hour_s']:.2f} s)", "after_hour")):
+        p(f"| {label} | {m[key]['VmRSS']:,} | {m[key]['VmHWM']:,} |")
+    p("")
+    p(report_text("packets"))
+    p("")
+    return out
+
+
 def write(results, docs, quick=False):
     os.makedirs(docs, exist_ok=True)
     plot_scan(results, docs)
@@ -180,6 +279,8 @@ def write(results, docs, quick=False):
              f"{lat['p99_ms']['median']:.1f} ms (read {lat['read_ms']['median']:.1f} ms)",
              lat["p99_ms"]["median"] <= 10 + lat["read_ms"]["median"]),
         ]
+    if "packets" in results:
+        summary_rows += packets_targets(results["packets"])
     p("## Targets")
     p("")
     p("| measure | target | this run | |")
@@ -352,6 +453,8 @@ def write(results, docs, quick=False):
         p("")
 
     out.extend(hard_limit_section(results))
+    if "packets" in results:
+        out.extend(packets_section(results["packets"]))
     p("## Design constants")
     p("")
     p(report_text("constants"))

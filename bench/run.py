@@ -1,12 +1,14 @@
 #!/usr/bin/env python3
 """Runs every benchmark of bench/ and writes docs/performance.md with its plots.
 
-    bench/run.py [--build build/bench] [--docs docs] [--quick]
+    bench/run.py [--build build/bench] [--docs docs] [--quick] [--only packets]
 
 The scan's capture directories ($TMPDIR/faitra-bench-captures-N) are written
 once and kept for later runs; `--clean-data` removes them. Each benchmark
 repeats several times; the report gives medians with min and
-max. Results also go to BUILD/bench-results.json. Needs the programs built by
+max. Results also go to BUILD/bench-results.json. `--only packets` runs the
+packet-retrieval benchmark alone and rewrites only its section of
+docs/performance.md. Needs the programs built by
 the `bench` CMake preset, gnuplot for the plots and root for the cleanup's
 tmpfs; linux-perf is optional (the profile section is left out without it).
 """
@@ -19,6 +21,8 @@ import subprocess
 import sys
 import tempfile
 import time
+import urllib.parse
+import urllib.request
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
@@ -248,22 +252,187 @@ def profile(tools):
         shutil.rmtree(os.path.dirname(data), ignore_errors=True)
 
 
+PACKETS_START_S = 1700000000   # the hour written by packets_bench
+PACKETS_FILTER = "udp dst port 5003"  # keeps a tenth of its packets
+
+
+def kept_dir(name, fill):
+    """A directory under $TMPDIR written once by fill(directory) and kept."""
+    directory = os.path.join(tempfile.gettempdir(), name)
+    marker = os.path.join(directory, ".complete")
+    if not os.path.exists(marker):
+        shutil.rmtree(directory, ignore_errors=True)
+        os.makedirs(directory)
+        fill(directory)
+        open(marker, "w").close()
+    return directory
+
+
+class daemon:
+    """faitra serve on a directory, on a free port; stopped on exit."""
+
+    def __init__(self, tools, root):
+        self.log = tempfile.NamedTemporaryFile(prefix="faitra-bench-serve-", suffix=".log", delete=False)
+        self.process = subprocess.Popen([tools["faitra"], "serve", "--root", root, "--no-auto-cleanup",
+                                         "--reconcile-interval", "0", "--listen", "127.0.0.1:0", "--log-stdout"],
+                                        stdout=self.log, stderr=subprocess.STDOUT)
+        self.address = None
+        deadline = time.monotonic() + 600
+        while time.monotonic() < deadline and self.process.poll() is None:
+            with open(self.log.name) as f:
+                text = f.read()
+            marker = "Listening on 127.0.0.1:"
+            if marker in text:
+                self.address = "127.0.0.1:" + text.split(marker, 1)[1].split()[0]
+                return
+            time.sleep(0.05)
+        raise RuntimeError("faitra serve did not start: " + open(self.log.name).read()[-2000:])
+
+    def get_json(self, target):
+        with urllib.request.urlopen(f"http://{self.address}{target}", timeout=60) as answer:
+            return json.load(answer)
+
+    def cpu_s(self):
+        """User and system CPU time of the daemon so far."""
+        with open(f"/proc/{self.process.pid}/stat") as f:
+            fields = f.read().rsplit(")", 1)[1].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+    def memory_kib(self):
+        fields = {}
+        with open(f"/proc/{self.process.pid}/status") as f:
+            for line in f:
+                if line.startswith(("VmRSS:", "VmHWM:")):
+                    fields[line.split(":")[0]] = int(line.split()[1])
+        return fields
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.process.terminate()
+        self.process.wait(timeout=60)
+        os.unlink(self.log.name)
+
+
+def packets_query(start_s, end_s, filter_text=None):
+    params = {"start": str(start_s * 10**9), "end": str(end_s * 10**9)}
+    if filter_text:
+        params["filter"] = filter_text
+    return "/v1/packets?" + urllib.parse.urlencode(params, quote_via=urllib.parse.quote)
+
+
+def packets(tools, repetitions):
+    """A 1-minute window with a filter keeping a tenth of the packets, out of
+    one hour of captures: faitra against mergecap | tcpdump | editcap over
+    every file, and against tcpdump on the overlapping files alone; time to
+    first byte with 100,000 captures catalogued; the daemon's memory."""
+    bench = tools["packets_bench"]
+    hour = kept_dir("faitra-bench-packets-hour", lambda d: subprocess.run([bench, "hour", d], check=True,
+                                                                           stdout=subprocess.DEVNULL))
+
+    def fill_100k(d):
+        log("packets: writing 99,640 older captures before the hour (kept for later runs)")
+        subprocess.run([bench, "filler", d, "99640"], check=True)
+        for name in os.listdir(hour):
+            if name.endswith(".pcap"):
+                os.link(os.path.join(hour, name), os.path.join(d, name))
+    many = kept_dir("faitra-bench-packets-older-100000", fill_100k)
+
+    start_s, end_s = PACKETS_START_S + 1800, PACKETS_START_S + 1860
+    window = packets_query(start_s, end_s, PACKETS_FILTER)
+    files = sorted(os.path.join(hour, n) for n in os.listdir(hour) if n.endswith(".pcap"))
+    quoted = "'" + PACKETS_FILTER + "'"
+    script = (f"mergecap -F nsecpcap -w - {' '.join(files)} | tcpdump -r - -w - {quoted} 2>/dev/null | "
+              f"editcap -A {start_s} -B {end_s}.000000001 - -")
+    result = {"window_s": end_s - start_s, "filter": PACKETS_FILTER, "files": len(files)}
+    with daemon(tools, hour) as d:
+        overlapping = [c["path"] for c in d.get_json(f"/v1/captures?start={start_s * 10**9}&end={end_s * 10**9}")
+                       ["captures"]]
+        loop = (f"for f in {' '.join(overlapping)}; do tcpdump -r \"$f\" -w - {quoted} 2>/dev/null; done")
+        result["overlapping"] = len(overlapping)
+        # The same packets both ways (their bytes, in order).
+        scratch = tempfile.mkdtemp(prefix="faitra-bench-packets-")
+        try:
+            subprocess.run(["curl", "-sf", "-o", f"{scratch}/faitra.pcap", f"http://{d.address}{window}"], check=True)
+            subprocess.run(["sh", "-c", f"{script} > {scratch}/script.pcap"], check=True)
+            digests = [run_json([bench, "digest", f"{scratch}/{n}.pcap"]) for n in ("faitra", "script")]
+        finally:
+            shutil.rmtree(scratch, ignore_errors=True)
+        result["packets_out"] = digests[0]["packets"]
+        result["same_packets"] = digests[0]["digest"] == digests[1]["digest"] and \
+            digests[0]["packets"] == digests[1]["packets"]
+        variants = {
+            "faitra": [bench, "get", d.address, window],
+            "mergecap, tcpdump, editcap on all files": ["sh", "-c", script + " > /dev/null"],
+            "tcpdump -r, overlapping files": ["sh", "-c", loop + " > /dev/null"],
+        }
+        for command in variants.values():  # hot cache for everyone
+            timed(command)
+        memory_before = d.memory_kib()
+        wall = {name: [] for name in variants}
+        cpu = {name: [] for name in variants}
+        in_daemon = []
+        for _ in range(repetitions):
+            for name, command in variants.items():
+                # faitra's CPU time is the client's and the daemon's during the request.
+                daemon_before = d.cpu_s()
+                w, c, out = timed(command, subprocess.PIPE if name == "faitra" else subprocess.DEVNULL)
+                wall[name].append(w)
+                cpu[name].append(c + (d.cpu_s() - daemon_before if name == "faitra" else 0))
+                if name == "faitra":
+                    in_daemon.append(json.loads(out)["total_ms"] / 1000)
+        result["wall"] = {name: summary(v) for name, v in wall.items()}
+        result["cpu"] = {name: summary(v) for name, v in cpu.items()}
+        result["faitra_request_s"] = summary(in_daemon)
+        after_minute = d.memory_kib()
+        everything = run_json([bench, "get", d.address, packets_query(PACKETS_START_S, PACKETS_START_S + 3600)])
+        after_hour = d.memory_kib()
+        result["memory_kib"] = {"before": memory_before, "after_minutes": after_minute, "after_hour": after_hour}
+        result["hour_bytes"] = everything["bytes"]
+        result["hour_s"] = everything["total_ms"] / 1000
+        result["ttfb_360_ms"] = summary([run_json([bench, "get", d.address, window])["ttfb_ms"]
+                                         for _ in range(20)])
+    # With 100,000 captures: the same recent window, and one minute in the
+    # middle of the older captures, where both walks of the selection are
+    # longest (about half the catalogue each).
+    middle_s = PACKETS_START_S - 50000
+    middle = packets_query(middle_s, middle_s + 60, PACKETS_FILTER)
+    with daemon(tools, many) as d:
+        result["catalogued"] = d.get_json("/v1/status")["captures"]
+        run_json([bench, "get", d.address, window])
+        ttfb = {"recent": [], "middle": []}
+        for _ in range(20):
+            ttfb["recent"].append(run_json([bench, "get", d.address, window])["ttfb_ms"])
+            ttfb["middle"].append(run_json([bench, "get", d.address, middle])["ttfb_ms"])
+        result["ttfb_100k_ms"] = summary(ttfb["recent"])
+        result["ttfb_100k_middle_ms"] = summary(ttfb["middle"])
+    result["selection_ms"] = {name: run_json([bench, "select", many, str(at)])
+                              for name, at in (("recent", start_s), ("middle", middle_s))}
+    w = result["wall"]
+    log("packets: faitra {:.3f}s, script {:.3f}s, tcpdump {:.3f}s, ttfb at 100k {:.2f} ms".format(
+        w["faitra"]["median"], w["mergecap, tcpdump, editcap on all files"]["median"],
+        w["tcpdump -r, overlapping files"]["median"], result["ttfb_100k_ms"]["median"]))
+    return result
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--build", default="build/bench")
     parser.add_argument("--docs", default="docs")
     parser.add_argument("--quick", action="store_true", help="fewer repetitions, no 30 s cleanup run")
     parser.add_argument("--clean-data", action="store_true", help="remove the kept capture directories and exit")
-    parser.add_argument("--only", choices=["hard-limit"],
+    parser.add_argument("--only", choices=["hard-limit", "packets"],
                         help="run one benchmark and replace only its section of performance.md")
     args = parser.parse_args()
     if args.clean_data:
-        for n in (10000, 100000):
-            shutil.rmtree(os.path.join(tempfile.gettempdir(), f"faitra-bench-captures-{n}"), ignore_errors=True)
+        for name in ("faitra-bench-captures-10000", "faitra-bench-captures-100000", "faitra-bench-packets-hour",
+                     "faitra-bench-packets-older-100000"):
+            shutil.rmtree(os.path.join(tempfile.gettempdir(), name), ignore_errors=True)
         return
     tools = {name: os.path.join(args.build, "bench", name) for name in
              ("make_captures", "scan_floor", "lib_scan", "cache_bench", "memory_bench", "freshness_bench",
-              "throughput_bench", "cleanup_bench", "derive_bench", "hard_limit_bench")}
+              "throughput_bench", "cleanup_bench", "derive_bench", "hard_limit_bench", "packets_bench")}
     tools["faitra"] = os.path.join(args.build, "apps", "faitra")
     reps = 2 if args.quick else 5
     if args.only == "hard-limit":
@@ -272,6 +441,13 @@ def main():
                   "load": os.getloadavg()}
         update_section(args.docs, report.HARD_LIMIT_TITLE, report.hard_limit_section(result, separate_run=True))
         log(f"updated the hard limit section of {os.path.join(args.docs, 'performance.md')}")
+        return
+    if args.only == "packets":
+        load = os.getloadavg()
+        result = packets(tools, reps)
+        started = time.strftime("%Y-%m-%d %H:%M:%S UTC", time.gmtime())
+        update_section(args.docs, report.PACKETS_HEADING, report.packets_section(result, (started, load)))
+        log(f"updated the packets section of {os.path.join(args.docs, 'performance.md')}")
         return
     results = {"load_before": os.getloadavg(), "started": time.strftime("%Y-%m-%d %H:%M:%S UTC", time.gmtime()),
                "cpus": os.cpu_count(), "kernel": os.uname().release}
@@ -283,6 +459,7 @@ def main():
     results["cleanup"] = cleanup(tools, reps, not args.quick)
     results["derivation"] = derivation(tools, 3 if not args.quick else 1, args.quick)
     results["hard_limit"] = hard_limit(tools, 1 if args.quick else 3, 10 if args.quick else 20)
+    results["packets"] = packets(tools, reps)
     results["profile"] = profile(tools)
     results["load_after"] = os.getloadavg()
     with open(os.path.join(args.build, "bench-results.json"), "w") as f:
