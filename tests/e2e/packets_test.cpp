@@ -336,7 +336,7 @@ TEST_F(PacketsTest, CapAndDisconnectAndACaptureDeletedWhileRead) {
   faitra_host::write_capture_file(big, plan);
   const std::string original = read_bytes(big);
   ASSERT_TRUE(wait_until([&] { return _daemon->request("GET", "/v1/captures/lookup?path=" + big).status == 200; }));
-  const auto [fds, threads] = resources(_daemon->pid());
+  const auto baseline = resources(_daemon->pid());  // descriptors, threads
 
   const std::string whole = query(T0 + 1000 * S, T0 + 1002 * S);
   auto fetch = [&](httplib::ContentReceiver r) { get(whole, r); };
@@ -358,7 +358,7 @@ TEST_F(PacketsTest, CapAndDisconnectAndACaptureDeletedWhileRead) {
   EXPECT_TRUE(wait_until([&] {
     const auto [now_fds, now_threads] = resources(_daemon->pid());
     const bool open = std::any_of(now_fds.begin(), now_fds.end(), [](auto& f) { return f.find("big.pcap") != f.npos; });
-    return !open && now_fds.size() <= fds.size() && now_threads <= threads;
+    return !open && now_fds.size() <= baseline.first.size() && now_threads <= baseline.second;
   }));
   EXPECT_TRUE(wait_until([&] { return get(whole)->status == 200; }));
 }
