@@ -4,7 +4,7 @@
 #include <faitra/host/capture_summary.hpp>
 
 #include "support/captures.hpp"
-#include "support/temp_dir.hpp"
+#include "support/files.hpp"
 
 #include <gtest/gtest.h>
 

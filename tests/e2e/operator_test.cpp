@@ -58,8 +58,8 @@ TEST(OperatorTest, DryRunsListTheOldestCapturesAndMarkNothing) {
   EXPECT_EQ(planned[1], "c200.pcap");
   EXPECT_LT(plan.json["estimated_after"]["fraction"].GetDouble(), 0.2);
 
-  const auto [code, out] = faitra_e2e::run_client({"cleanup", "--listen", d.listen(), "--age", "250", "--mode",
-                                                    "files", "--dry-run"});
+  const auto [code, out, err] = faitra_e2e::run({"cleanup", "--listen", d.listen(), "--age", "250", "--mode",
+                                                 "files", "--dry-run"});
   EXPECT_EQ(code, 0);
   EXPECT_NE(out.find("would delete 2 capture(s), 4.0 MiB"), std::string::npos) << out;
 

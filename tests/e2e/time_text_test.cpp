@@ -127,7 +127,7 @@ TEST(TimeTextTest, TheApiAndTheClientTakeTimeTexts) {
   EXPECT_NE(bad.body.find("no such date"), std::string::npos) << bad.body;
   EXPECT_EQ(d.request("GET", "/v1/captures?start=-1&end=5").status, 400);
 
-  const auto [code, out] = faitra_e2e::run_client(
+  const auto [code, out, err] = faitra_e2e::run(
       {"ls", "--listen", d.listen(), "--start", "2023-11-14T22:14:00Z", "--end", "+1d"});
   EXPECT_EQ(code, 0);
   EXPECT_EQ(out.find(a), std::string::npos) << out;
