@@ -32,7 +32,13 @@ inline void json_writer::value<nullable<std::string>>(const nullable<std::string
   if (v.is_null()) {
     null_value();
   } else {
-    raw_value("\"" + safe_quote(to_str(*v)) + "\"");
+    // Built by appending: GCC 12 misreads `"\"" + std::string&&` in optimised
+    // builds (-Wrestrict false positive).
+    const std::string quoted = safe_quote(to_str(*v));
+    std::string json;
+    json.reserve(quoted.size() + 2);
+    json.append(1, '"').append(quoted).append(1, '"');
+    raw_value(json);
   }
 }
 

@@ -18,7 +18,7 @@ esac
 scripts/install-deps.sh
 dir=build/fuzz
 CC=clang CXX=clang++ cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DFAITRA_BUILD_FUZZ=ON -DFAITRA_BUILD_TESTS=OFF -DFAITRA_BUILD_APPS=OFF >/dev/null
+  -DFAITRA_BUILD_FUZZ=ON -DFAITRA_BUILD_TESTS=OFF -DFAITRA_BUILD_APPS=OFF -DFAITRA_WERROR=ON >/dev/null
 targets=(fs_entry_json_fuzz from_str_fuzz xattr_fuzz request_fuzz time_text_fuzz capture_reader_fuzz config_fuzz)
 cmake --build "$dir" --target "${targets[@]}" -j"$(nproc)"
 

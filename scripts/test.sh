@@ -26,7 +26,7 @@ case "$sanitize" in
 esac
 
 scripts/install-deps.sh
-cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFAITRA_SANITIZE="$sanitize"
+cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFAITRA_SANITIZE="$sanitize" -DFAITRA_WERROR=ON
 cmake --build "$dir" -j"$(nproc)"
 
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:strict_string_checks=1"

@@ -104,7 +104,10 @@ void json_writer::value<bool>(const bool& v, api_version_t<int>, print_type_t<in
 
 template <>
 void json_writer::value<std::string>(const std::string& v, api_version_t<int>, print_type_t<int>) {
-  raw_value("\"" + safe_quote(v) + "\"");
+  const std::string quoted = safe_quote(v);
+  before_value();
+  _out.append(1, '"').append(quoted).append(1, '"');
+  after_value();
 }
 
 template <>
