@@ -8,7 +8,7 @@ set -euo pipefail
 
 packages=(
   cmake ninja-build g++ make pkg-config
-  rapidjson-dev libgtest-dev libgmock-dev libbenchmark-dev
+  rapidjson-dev libabsl-dev libgtest-dev libgmock-dev libbenchmark-dev
   libcpp-httplib-dev libcli11-dev
   libxxhash-dev liblz4-dev libpcap-dev
   attr curl python3 tcpdump lz4 xxhash

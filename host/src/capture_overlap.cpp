@@ -30,8 +30,7 @@ overlap_selection select_overlapping(csl::fs_cache& cache, uint64_t start, uint6
       // Only now are the end walk's records checked against the path index
       // (a lookup each): they are the answer, usually a handful.
       for (const csl::fs_entry* record : from_end) {
-        const auto at = by_path.find(std::string_view(record->path));
-        if (at != by_path.end() && at->second.get() == record) found.push_back(record);
+        if (by_path.lookup(record->path) == record) found.push_back(record);
       }
       std::sort(found.begin(), found.end());
       found.erase(std::unique(found.begin(), found.end()), found.end());

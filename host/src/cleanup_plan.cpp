@@ -9,12 +9,11 @@ namespace {
 // The creation index keeps entries of records removed by a time-range
 // deletion; a record is still catalogued only if the path index holds that
 // very record.
-bool catalogued(const csl::fs_cache& cache, const csl::fs_cache::entry_ptr& record) {
-  const auto it = cache.path_cache().find(std::string_view(record->path));
-  return it != cache.path_cache().end() && it->second == record;
+bool catalogued(const csl::fs_cache& cache, const csl::fs_entry* record) {
+  return cache.path_cache().lookup(record->path) == record;
 }
 
-void take(cleanup_plan& plan, const csl::fs_cache& cache, const csl::fs_cache::entry_ptr& record) {
+void take(cleanup_plan& plan, const csl::fs_cache& cache, const csl::fs_entry* record) {
   if (record->is_deletion_pending() || !catalogued(cache, record)) return;
   plan.captures.push_back(*record);
   plan.bytes += record->file_size;

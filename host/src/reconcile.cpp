@@ -60,7 +60,7 @@ std::unique_ptr<csl::fs_cache> scan_directories(const std::set<std::string>& dir
       std::vector<csl::fs_entry> lacking;
       {
         csl::fs_cache::shared_guard lock(*cache);
-        for (const auto& [path, record] : cache->path_cache()) {
+        for (const auto& record : cache->path_cache()) {
           if (record->key.is_null() || record->start_ts.is_null() || record->end_ts.is_null()) lacking.push_back(*record);
         }
       }
@@ -84,7 +84,7 @@ std::vector<std::string> differing_paths(const csl::fs_cache& catalogue, const c
   std::map<std::string, csl::fs_entry> live;
   {
     csl::fs_cache::shared_guard lock(catalogue);
-    for (const auto& [path, record] : catalogue.path_cache()) live.emplace(std::string(path), *record);
+    for (const auto& record : catalogue.path_cache()) live.emplace(record->path, *record);
   }
   std::vector<std::string> out;
   csl::fs_cache::shared_guard lock(disk);
@@ -92,14 +92,14 @@ std::vector<std::string> differing_paths(const csl::fs_cache& catalogue, const c
   auto d = disk.path_cache().begin();
   const auto d_end = disk.path_cache().end();
   while (l != live.end() || d != d_end) {
-    if (d == d_end || (l != live.end() && std::string_view(l->first) < d->first)) {
+    if (d == d_end || (l != live.end() && l->first < (*d)->path)) {
       out.push_back(l->first);  // catalogued, not on disk
       ++l;
-    } else if (l == live.end() || d->first < std::string_view(l->first)) {
-      out.emplace_back(d->first);  // on disk, not catalogued
+    } else if (l == live.end() || (*d)->path < l->first) {
+      out.push_back((*d)->path);  // on disk, not catalogued
       ++d;
     } else {
-      if (!same_metadata(l->second, *d->second)) out.push_back(l->first);
+      if (!same_metadata(l->second, **d)) out.push_back(l->first);
       ++l;
       ++d;
     }
@@ -308,9 +308,8 @@ void reconciler::repair(const std::string& path, reconcile_result& result) {
 
   {
     csl::fs_cache::guard lock(*_cache);  // exclusive: nobody marks a record meanwhile
-    const auto& index = _cache->path_cache();
-    const auto position = index.find(std::string_view(path));
-    if (position == index.end()) {
+    const csl::fs_entry* position = _cache->path_cache().lookup(path);
+    if (position == nullptr) {
       if (now_seconds() - static_cast<long>(status.st_mtim.tv_sec) < QUIET_SECONDS) {
         ++result.deferred;
         return;
@@ -323,7 +322,7 @@ void reconciler::repair(const std::string& path, reconcile_result& result) {
       }
       return;
     }
-    const csl::fs_entry& stored = *position->second;
+    const csl::fs_entry& stored = *position;
     if (same_metadata(stored, fresh)) return;
     fresh.deletion.store(stored.deletion.load());  // update() copies the marker
     if (_cache->update(fresh)) {

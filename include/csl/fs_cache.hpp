@@ -3,16 +3,17 @@
 // One shared fs_entry per file, reachable through five indexes: by path (the
 // primary index; its size is the catalogue's size), by hash key, and by
 // creation, start and end timestamp. Records are changed in place and never
-// replaced, so all indexes always point at the same object. Index keys that
-// are strings are views of the record's own path and key, so each text is
-// stored once.
+// replaced, so all indexes always point at the same object. The path and key
+// indexes find records by the record's own path and key strings, so each
+// text is stored once (csl/fs_cache_index.hpp).
 //
 // Invariants kept by insert and update: every record is in the path and the
 // creation index; it is in the key, start and end index exactly while the
-// corresponding field is set. Deliberate leftovers:
+// corresponding field is set; within one timestamp, entries keep insertion
+// order. Deliberate leftovers:
 //  - delete_by_time leaves the creation and end index entries of the records
-//    it removes (they keep the records alive until clear() or a later
-//    update under the same timestamps);
+//    it removes (the catalogue keeps those records alive until clear(), and
+//    the ones still in the end index for as long as it lives);
 //  - clear() leaves the end index;
 //  - two records with one key: the key index keeps the first on update and
 //    the newest on insert.
@@ -27,16 +28,16 @@
 // guard themselves. Everything handed out is a copy.
 #pragma once
 
+#include <csl/fs_cache_index.hpp>
 #include <csl/fs_entry.hpp>
-#include <csl/utils/node_pool.hpp>
 #include <csl/utils/recursive_shared_mutex.hpp>
 
+#include <absl/container/btree_map.h>
+#include <absl/container/flat_hash_set.h>
+
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <string>
-#include <string_view>
-#include <unordered_map>
 #include <vector>
 
 namespace csl {
@@ -44,18 +45,12 @@ namespace csl {
 class fs_cache : public synchronized_ptr_shared<recursive_shared_mutex> {
  public:
   using entry_ptr = std::shared_ptr<fs_entry>;
-  // The nodes of every index come from the catalogue's own node arena
-  // (csl/utils/node_pool.hpp): about 40 bytes less per capture than one C
-  // library allocation per node.
-  template <typename K, typename V>
-  using node_allocator_of = node_allocator<std::pair<const K, V>>;
-  using key_index =
-      std::unordered_map<std::string_view, entry_ptr, std::hash<std::string_view>, std::equal_to<std::string_view>,
-                         node_allocator_of<std::string_view, entry_ptr>>;
-  using ts_index = std::multimap<unsigned long, entry_ptr, std::less<unsigned long>,
-                                 node_allocator_of<unsigned long, entry_ptr>>;
-  using path_index =
-      std::map<std::string_view, entry_ptr, std::less<>, node_allocator_of<std::string_view, entry_ptr>>;
+  // Walked as (key, record) pairs like the standard ordered containers.
+  using ts_index = absl::btree_multimap<unsigned long, fs_entry*>;
+  // Walked as records (fs_entry*); looked up by key text.
+  using key_index = absl::flat_hash_set<fs_entry*, index_detail::field_hash<index_detail::record_key>,
+                                        index_detail::field_equal<index_detail::record_key>>;
+  using path_index = fs_path_index;
 
   // The value first_creation_ts() returns for an empty creation index.
   static constexpr unsigned long NO_CREATION_TS = 9223372036854775807UL;
@@ -90,18 +85,23 @@ class fs_cache : public synchronized_ptr_shared<recursive_shared_mutex> {
   path_index& path_cache_rw() const { return _path_index; }
 
  private:
-  void update_impl(const fs_entry& src, path_index::iterator position, bool inserted);
-  void delete_creation_ts_impl(path_index::iterator position);
-  void delete_ts_impl(path_index::iterator position, bool start);
-  path_index::iterator delete_path(path_index::iterator position);
+  void update_impl(const fs_entry& src, fs_entry* stored, bool inserted);
+  bool delete_creation_ts_impl(fs_entry* record);
+  bool delete_ts_impl(fs_entry* record, bool start);
+  void delete_path(fs_entry* record);
+  void retain(entry_ptr record);
 
   mutable recursive_shared_mutex _mutex;
-  node_arena _arena;  // outlives the indexes, which are declared after it
   key_index _key_index;
   ts_index _creation_index;
   ts_index _start_index;
   ts_index _end_index;
   mutable path_index _path_index;
+  // Records that a timestamp index may still point at although the path
+  // index no longer holds them (the leftovers above, and any record whose
+  // entry a removal walk did not find): the timestamp indexes hold plain
+  // pointers, so these are kept alive here.
+  absl::flat_hash_set<entry_ptr> _retained;
 };
 
 }  // namespace csl

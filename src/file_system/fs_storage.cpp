@@ -101,10 +101,9 @@ bool fs_storage::delete_by_path(fs_entry& out, const std::string& path, fs_entry
 
 bool fs_storage::delete_by_path_impl(fs_entry* out, const std::string& path, fs_entry::deletion_by by) {
   shared_guard guard(*this);
-  auto& index = _cache->path_cache_rw();
-  const auto position = index.find(std::string_view(path));
-  if (position == index.end()) return false;
-  fs_entry& record = *position->second;
+  fs_entry* const position = _cache->path_cache_rw().lookup(path);
+  if (position == nullptr) return false;
+  fs_entry& record = *position;
   if (!mark(record, by)) return false;
   {
     std::lock_guard<std::mutex> lock(_queue_mutex);
@@ -151,7 +150,7 @@ size_t fs_storage::clear(fs_entry::deletion_by by) {
   shared_guard guard(*this);
   std::vector<fs_entry>& scratch = _tmp_vec[this];
   scratch.clear();
-  for (auto& [path, record] : _cache->path_cache_rw()) {
+  for (const auto& record : _cache->path_cache_rw()) {
     if (mark(*record, by)) scratch.push_back(*record);
   }
   enqueue(scratch);

@@ -378,8 +378,8 @@ TEST(CaptureOverlap, BothWalksGiveThePlainAnswer) {
   cache.delete_by_time(nullptr, 2000, 2500);
   for (const auto& [s, e] : std::vector<std::pair<uint64_t, uint64_t>>{{0, 10}, {100, 9900}, {9000, 20000}, {2100, 2400}, {5000, 5000}}) {
     std::vector<std::string> plain;
-    for (const auto& [path, r] : cache.path_cache()) {
-      if (!r->end_ts.is_null() && *r->start_ts <= e && *r->end_ts >= s) plain.emplace_back(path);
+    for (const auto& r : cache.path_cache()) {
+      if (!r->end_ts.is_null() && *r->start_ts <= e && *r->end_ts >= s) plain.push_back(r->path);
     }
     std::vector<std::string> walked;
     for (const auto& r : faitra_host::select_overlapping(cache, s, e).captures) walked.push_back(r.path);

@@ -276,8 +276,8 @@ std::vector<merge_input> directory_captures(const extract_options& o, const retr
   std::vector<std::string> untimed;
   {
     csl::fs_cache::shared_guard lock(*c->cache);
-    for (const auto& [path, record] : c->cache->path_cache()) {
-      if (record->start_ts.is_null() || record->end_ts.is_null()) untimed.emplace_back(path);
+    for (const auto& record : c->cache->path_cache()) {
+      if (record->start_ts.is_null() || record->end_ts.is_null()) untimed.push_back(record->path);
     }
   }
   for (size_t i = 0; i < untimed.size(); ++i) {

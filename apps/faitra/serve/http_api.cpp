@@ -261,7 +261,7 @@ void http_api::install(httplib::Server& server) {
       skipped = selection.without_times;
     } else {
       csl::fs_cache::shared_guard lock(d.cache());
-      for (const auto& [path, record] : d.cache().path_cache()) {
+      for (const auto& record : d.cache().path_cache()) {
         if (records.size() >= limit) break;
         records.push_back(*record);
       }

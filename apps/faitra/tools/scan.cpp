@@ -82,7 +82,7 @@ int run_scan(const scan_options& options) {
   std::vector<std::pair<std::string_view, const csl::fs_entry*>> records;
   for (const catalogue& c : catalogues) {
     guards.push_back(std::make_unique<csl::fs_cache::shared_guard>(*c.cache));
-    for (const auto& [path, entry] : c.cache->path_cache()) records.emplace_back(path, entry.get());
+    for (const auto& entry : c.cache->path_cache()) records.emplace_back(entry->path, entry.get());
   }
   // Each catalogue is in path order already; several roots interleave.
   if (catalogues.size() > 1) {
