@@ -16,7 +16,9 @@
 // shared locks.
 //
 // Bookkeeping lives in two thread-local maps keyed by the mutex's address;
-// entries are created on first use and die with the thread.
+// entries are created on first use and die with the thread. Each thread also
+// remembers where the entries of the mutex it used last are, so that a
+// thread that keeps using one mutex looks nothing up.
 //
 // Thread-safety: the lock itself is the synchronisation primitive; `owner`
 // is atomic because other threads read it while the holder writes it.
@@ -47,58 +49,10 @@ class recursive_shared_mutex {
     recursion_count.try_emplace(this, 0);
   }
 
-  void lock() {
-    init();
-    auto& count = recursion_count[this];
-    auto& type = lock_types[this];
-    if (type == lock_type::shared) {
-      cdl::throw_assert(CDL_FILE_NAME, 23, "Upgrading a shared lock to exlusive lock is not supported.");
-    }
-    if (owner.load() == std::this_thread::get_id()) {
-      ++count;
-      return;
-    }
-    _mutex.lock();
-    owner = std::this_thread::get_id();
-    count = 1;
-    type = lock_type::exclusive;
-  }
-
-  void unlock() {
-    auto& count = recursion_count[this];
-    if (count < 2) {
-      owner = std::thread::id();
-      count = 0;
-      lock_types[this] = lock_type::none;
-      _mutex.unlock();
-    } else {
-      --count;
-    }
-  }
-
-  void lock_shared() {
-    init();
-    auto& count = recursion_count[this];
-    if (count == 0) {
-      _mutex.lock_shared();
-      auto& type = lock_types[this];
-      if (type == lock_type::none) type = lock_type::shared;
-      // The count deliberately stays 0: nested shared holds are not counted.
-    } else {
-      ++count;
-    }
-  }
-
-  void unlock_shared() {
-    auto& count = recursion_count[this];
-    if (count < 2) {
-      count = 0;
-      lock_types[this] = lock_type::none;
-      _mutex.unlock_shared();
-    } else {
-      --count;
-    }
-  }
+  void lock();
+  void unlock();
+  void lock_shared();
+  void unlock_shared();
 
   // This thread's view of the mutex, for diagnostics and tests.
   lock_type held_by_this_thread() const {
@@ -113,6 +67,13 @@ class recursive_shared_mutex {
  private:
   std::shared_timed_mutex _mutex;
   std::atomic<std::thread::id> owner;
+
+  // This thread's count and type of this mutex (created on first use).
+  struct entries {
+    uint64_t& count;
+    lock_type& type;
+  };
+  entries this_thread_entries();
 
   static thread_local std::map<const recursive_shared_mutex*, uint64_t> recursion_count;
   static thread_local std::map<const recursive_shared_mutex*, lock_type> lock_types;
