@@ -93,6 +93,7 @@ class fs_tracker : public cdl::task_listener {
 
  private:
   void push(cdl::task_ptr<cdl::task>&& task);
+  void push_held();
 
   std::string _root_path;
   std::set<std::string> _paths;
@@ -111,6 +112,8 @@ class fs_tracker : public cdl::task_listener {
   cdl::log* _log;
   bool _monitor_initialised = false;  // a descriptor is open and must be closed
   std::atomic<unsigned long> _queue_overflows{0};
+  // During the start-up scan: the at-start tasks not pushed yet.
+  std::vector<cdl::task_ptr<cdl::task>>* _held_tasks = nullptr;
 };
 
 }  // namespace csl

@@ -10,6 +10,9 @@ namespace csl {
 
 namespace {
 constexpr unsigned long NO_LIMIT = std::numeric_limits<unsigned long>::max();
+// At-start tasks held back during the start-up scan before they go to the
+// channel in one burst.
+constexpr size_t HELD_TASKS = 256;
 }  // namespace
 
 fs_tracker::fs_tracker(cdl::task_listener_group& group, std::shared_ptr<fs_cache> cache, const std::string& root_path,
@@ -36,11 +39,27 @@ fs_tracker::fs_tracker(cdl::task_listener_group& group, std::shared_ptr<fs_cache
       cdl::throw_assert(CDL_FILE_NAME, __LINE__, "Root path doesn't match on %s.", path.c_str());
     }
   }
-  for (const std::string& path : _paths) {
-    _reader.collect_files(
-        path, *_cache, [this](fs_entry& e) { handle_fs_entry_missing_xattr_on_init(e); },
-        [this](fs_entry& e) { handle_fs_entry_has_xattr_but_empty_on_init(e); });
+  // The at-start tasks of the scan go to the channel in bursts, in the order
+  // they were made. Pushed one by one, each would wake the channel's worker
+  // on its own: a futex hand-off per capture without attributes, which on a
+  // directory of such files cost more system time than the scan's stat and
+  // getxattr calls.
+  std::vector<cdl::task_ptr<cdl::task>> held;
+  held.reserve(HELD_TASKS);
+  _held_tasks = &held;
+  try {
+    for (const std::string& path : _paths) {
+      _reader.collect_files(
+          path, *_cache, [this](fs_entry& e) { handle_fs_entry_missing_xattr_on_init(e); },
+          [this](fs_entry& e) { handle_fs_entry_has_xattr_but_empty_on_init(e); });
+    }
+  } catch (...) {
+    push_held();
+    _held_tasks = nullptr;
+    throw;
   }
+  push_held();
+  _held_tasks = nullptr;
   if (!monitor) return;
 
   cdl::task_channel& channel = _group.task_channel(0);
@@ -66,7 +85,18 @@ fs_tracker::~fs_tracker() {
 }
 
 void fs_tracker::push(cdl::task_ptr<cdl::task>&& task) {
+  if (_held_tasks != nullptr) {
+    _held_tasks->push_back(std::move(task));
+    if (_held_tasks->size() >= HELD_TASKS) push_held();
+    return;
+  }
   _group.task_channel(0).push(std::move(task), NO_LIMIT, false);
+}
+
+void fs_tracker::push_held() {
+  cdl::task_channel& channel = _group.task_channel(0);
+  for (auto& task : *_held_tasks) channel.push(std::move(task), NO_LIMIT, false);
+  _held_tasks->clear();
 }
 
 void fs_tracker::handle_fs_entry_missing_xattr_on_init(fs_entry& entry) {
