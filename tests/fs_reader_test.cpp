@@ -9,7 +9,10 @@
 
 #include <gtest/gtest.h>
 
+#include <dirent.h>
+
 #include <map>
+#include <memory>
 #include <set>
 
 namespace {
@@ -66,6 +69,60 @@ TEST(FsReader, ReadsAttributesAndSizesReportsWhatLacksAHashOrContentAndLetsTheFi
               c.expected);
     EXPECT_EQ(e.file_size, c.size) << c.name;
   }
+}
+
+// A large directory is scanned on two threads; callbacks and inserts still
+// follow the directory order (the newest capture of a shared key holds it),
+// and a malformed attribute stops the scan exactly at its record.
+TEST(FsReader, LargeDirectoriesKeepDirectoryOrderUpToAMalformedRecord) {
+  faitra_test::temp_dir dir;
+  const std::string HASH = "user.pcap_hash", START = "user.pcap_start_ts";
+  for (int i = 0; i < 600; ++i) {
+    const std::string path = dir.file("c" + std::to_string(i) + ".pcap");
+    faitra_test::write_and_close(path, i % 3 == 0 ? 10 : 4096);
+    if (i % 2 == 0) faitra_test::set_xattr(path, HASH, "k" + std::to_string(i % 7));
+  }
+  std::vector<std::string> order;  // getdents64 order, as readdir gives it
+  std::unique_ptr<DIR, int (*)(DIR*)> d(::opendir(dir.path().c_str()), ::closedir);
+  while (const dirent* ent = ::readdir(d.get())) {
+    if (faitra_test::is_capture_name(ent->d_name)) order.push_back(dir.file(ent->d_name));
+  }
+  auto collect = [&](std::vector<std::string>& calls, csl::fs_cache& cache) {
+    csl::fs_reader reader(faitra_test::is_capture_name, 236, HASH, START, "user.pcap_end_ts",
+                          "user.pcap_creation_ts", {}, nullptr);
+    reader.collect_files(
+        dir.path(), cache, [&](csl::fs_entry& e) { calls.push_back("missing " + e.path); },
+        [&](csl::fs_entry& e) { calls.push_back("empty " + e.path); });
+  };
+  std::map<std::string, std::string> holders;
+  auto expected = [&](size_t count) {  // the callbacks of the first `count` records in directory order
+    std::vector<std::string> calls;
+    for (size_t n = 0; n < count; ++n) {
+      const int i = std::stoi(order[n].substr(order[n].rfind('/') + 2));
+      if (i % 2 != 0) {
+        calls.push_back("missing " + order[n]);
+      } else {
+        if (i % 3 == 0) calls.push_back("empty " + order[n]);
+        holders["k" + std::to_string(i % 7)] = order[n];
+      }
+    }
+    return calls;
+  };
+  std::vector<std::string> calls;
+  csl::fs_cache cache;
+  collect(calls, cache);
+  EXPECT_EQ(calls, expected(order.size()));
+  std::map<std::string, std::string> held;
+  for (const csl::fs_entry* e : cache.key_cache()) held[*e->key] = e->path;
+  EXPECT_EQ(held, holders);
+
+  faitra_test::set_xattr(order[400], START, "abc");
+  calls.clear();
+  csl::fs_cache partial;
+  EXPECT_THROW(collect(calls, partial), cdl::exception);
+  EXPECT_EQ(partial.size(), 400u);
+  for (size_t i = 0; i < order.size(); ++i) EXPECT_EQ(partial.path_exists(order[i]), i < 400) << i;
+  EXPECT_EQ(calls, expected(400));
 }
 
 }  // namespace

@@ -19,7 +19,13 @@
 //  - a malformed numeric attribute raises out of the scan (cdl::exception
 //    family from cdl::from_str).
 //
-// Thread-safety: not thread-safe; one attribute buffer serves every call.
+// A large directory is scanned on two threads: a helper thread calls the
+// filter, stat and getxattr for the next records while the calling thread
+// runs the callbacks and inserts, still one record at a time in directory
+// order (readers with an on-loaded callback always scan on one thread).
+//
+// Thread-safety: not thread-safe; one attribute buffer serves every call
+// (the helper thread of a scan has its own).
 #pragma once
 
 #include <csl/fs_cache.hpp>
@@ -30,6 +36,7 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <string>
 
 namespace csl {
@@ -64,6 +71,25 @@ class fs_reader {
   cdl::nullable<T> load_xattr(const std::string& path, const std::string& attr);
 
  private:
+  // Batches of at least this many directory records are scanned on two
+  // threads (the system calls of one record overlap the cataloguing of the
+  // one before); smaller ones are not worth starting a thread for.
+  static constexpr size_t PIPELINE_MIN_ENTRIES = 256;
+
+  struct batch_context {
+    const std::string& dir;
+    fs_cache& cache;
+    entry_callback& on_missing_xattr;
+    entry_callback& on_has_xattr_but_empty;
+  };
+  template <typename T>
+  static cdl::nullable<T> read_xattr(const std::string& path, const std::string& attr, char* buffer);
+  void read_extended_attributes(fs_entry& e, char* buffer) const;
+  std::shared_ptr<fs_entry> next_candidate(const batch_context& context, const char* batch, long size, long& offset);
+  void report_and_insert(const batch_context& context, std::shared_ptr<fs_entry>&& entry);
+  void collect_batch(const batch_context& context, const char* batch, long size);
+  void collect_batch_pipelined(const batch_context& context, const char* batch, long size);
+
   std::atomic<bool> _flag{false};
   filter_type _filter;
   unsigned long _empty_file_size_limit;
