@@ -3,6 +3,8 @@
 // attributes; scan's lines are checked against the files.
 #include "daemon_harness.hpp"
 
+#include <faitra/host/record_json.hpp>
+
 #include <sys/xattr.h>
 
 #include <filesystem>
@@ -138,6 +140,25 @@ TEST(Scan, ListsMalformedAttributesAsAbsentReportsThemAndFailsOnWhatIsNotADirect
   const run_result file = run({"scan", files[2]});
   EXPECT_EQ(file.status, 1);
   EXPECT_NE(file.err.find("not a directory"), std::string::npos) << file.err;
+}
+
+// faitra scan renders records itself; its lines must be the record's own
+// JSON form, escapes included, for every byte a path or key can hold.
+TEST(Scan, RendersRecordsExactlyAsTheirJsonForm) {
+  std::string every_byte;
+  for (int c = 0; c < 256; ++c) every_byte += static_cast<char>(c);
+  csl::fs_entry full("/d/" + every_byte);
+  full.key = "k\"\\" + every_byte;
+  full.creation_ts = 18446744073709551615UL;
+  full.start_ts = 0UL;
+  full.end_ts = 7UL;
+  full.file_size = 42;
+  full.deletion.store(csl::fs_entry::deletion_by::cleanup);
+  for (const csl::fs_entry& record : {full, csl::fs_entry(), csl::fs_entry("/plain.pcap")}) {
+    std::string line;
+    faitra_host::append_record_json(line, record);
+    EXPECT_EQ(line, record.to_json_str());
+  }
 }
 
 }  // namespace

@@ -1,13 +1,13 @@
 // faitra scan: catalogues directories once, as the daemon's start-up scan
 // does, prints every capture as one JSON record per line and exits.
 #include <faitra/host/catalogue.hpp>
+#include <faitra/host/record_json.hpp>
 #include "commands.hpp"
 #include "option_values.hpp"
 
 #include <csl/fs_entry.hpp>
 
 #include <cdl/exception.hpp>
-#include <cdl/json_writer.hpp>
 #include <cdl/task_system.hpp>
 
 #include <sys/stat.h>
@@ -89,16 +89,21 @@ int run_scan(const scan_options& options) {
     std::sort(records.begin(), records.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
   }
 
-  static char output_buffer[OUTPUT_BUFFER_SIZE];
-  std::setvbuf(stdout, output_buffer, _IOFBF, sizeof(output_buffer));
-  cdl::json_writer writer;
+  // Each line is rendered straight into one large buffer (the record's JSON
+  // form, as to_json writes it), which goes out in whole blocks.
+  std::string output;
+  output.reserve(OUTPUT_BUFFER_SIZE + 4096);
+  bool written = true;
   for (const auto& record : records) {
-    record.second->to_json(writer, {}, {});
-    const std::string line = writer.take();
-    std::fwrite(line.data(), 1, line.size(), stdout);
-    std::fputc('\n', stdout);
+    append_record_json(output, *record.second);
+    output += '\n';
+    if (output.size() >= OUTPUT_BUFFER_SIZE) {
+      written = written && std::fwrite(output.data(), 1, output.size(), stdout) == output.size();
+      output.clear();
+    }
   }
-  if (std::fflush(stdout) != 0) {
+  written = written && std::fwrite(output.data(), 1, output.size(), stdout) == output.size();
+  if (std::fflush(stdout) != 0 || !written) {
     std::fprintf(stderr, "faitra scan: writing the output: %s\n", std::strerror(errno));
     return 1;
   }
