@@ -347,6 +347,8 @@ void register_status(CLI::App& app, int& exit_code) {
           {"usage", human_bytes(used) + " of " + human_bytes(total) + " (fraction " +
                         text_of(member(usage, "fraction")) + ")"},
           {"trigger / stop", text_of(member(d, "trigger")) + " / " + text_of(member(d, "stop"))},
+          {"oldest / newest packet", time_text_of(member(member(d, "retention"), "oldest_start")) + " / " +
+                                         time_text_of(member(member(d, "retention"), "newest_start"))},
           {"automatic cleanup", text_of(member(d, "automatic_cleanup"))},
           {"automatic metadata cleanup", text_of(member(d, "automatic_metadata_cleanup"))},
           {"cleanup in progress", text_of(member(d, "cleanup_in_progress"))},
