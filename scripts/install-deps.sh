@@ -9,7 +9,7 @@ set -euo pipefail
 packages=(
   cmake ninja-build g++ make pkg-config
   rapidjson-dev libabsl-dev libgtest-dev libgmock-dev libbenchmark-dev
-  libcpp-httplib-dev libcli11-dev
+  libcpp-httplib-dev libcli11-dev libpq-dev postgresql
   libxxhash-dev liblz4-dev libpcap-dev
   attr curl python3 tcpdump lz4 xxhash
   chromium help2man dpkg-dev systemd libtomlplusplus-dev

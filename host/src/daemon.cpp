@@ -216,12 +216,18 @@ capture_daemon::capture_daemon(daemon_options options)
                                [deriver](const std::string& path) { deriver->submit(path); });
     }
     _holds = std::make_unique<hold_registry>(_options.hold_dir, *_options.watch.begin(), _cache, _log.get());
+    if (_options.export_to) {
+      export_options to = *_options.export_to;
+      to.who.root = _options.root;
+      _export = std::make_unique<catalogue_export>(std::move(to), _cache, *_tracker_listeners, _log.get());
+    }
     _runtime.start();
     _jobs = std::make_unique<job_runner>(_log.get());
     _reconciler->start();
     _history = std::make_unique<cleanup_history>(*_cleaner, _counters);
     _history_seen.store(_history.get());
     start_guards();
+    if (_export) _export->start();
   } catch (...) {
     shutdown();
     throw;
@@ -281,12 +287,14 @@ void capture_daemon::shutdown() {
   if (_tracker) _tracker->stop_monitoring();
   _tracker_listeners.reset();
   _tracker_workers.reset();
+  if (_export) _export->stop(EXPORT_FLUSH);
   destroy_cleaner();
   _storage.reset();
   _tracker.reset();
   _cache.reset();
   _reconciler.reset();
   _deriver.reset();
+  _export.reset();
   _jobs.reset();
   _history_seen.store(nullptr);
   _history.reset();
@@ -396,6 +404,7 @@ metrics_sample capture_daemon::sample_metrics() {
   s.holds = held.holds;
   s.held_captures = held.captures;
   s.held_bytes = held.bytes;
+  if (_export) s.catalogue_export = _export->status();
   return s;
 }
 

@@ -42,6 +42,41 @@ void seconds_gauge(std::string& out, const char* name, const char* help, std::op
   out += text;
 }
 
+void gauge_line(std::string& out, const char* name, const char* type, const char* help, const std::string& labels,
+                double value) {
+  family(out, name, type, help);
+  char text[64];
+  std::snprintf(text, sizeof text, " %.6g\n", value);
+  out += name;
+  out += labels;
+  out += text;
+}
+
+void render_export(std::string& out, const export_status& e) {
+  const std::string labels = "{sensor=\"" + e.sensor + "\"}";
+  const auto line = [&](const char* name, const char* type, const char* help, double value) {
+    gauge_line(out, name, type, help, labels, value);
+  };
+  line("faitra_export_connected", "gauge", "1 while the catalogue export is connected to its database.",
+       e.connected ? 1 : 0);
+  line("faitra_export_lag_seconds", "gauge", "Age of the oldest catalogue change not yet in the central table.",
+       e.lag_seconds);
+  line("faitra_export_queue_depth", "gauge", "Catalogue changes queued for the central table.",
+       static_cast<double>(e.queue_depth));
+  line("faitra_export_queue_capacity", "gauge", "Changes the queue holds before it falls back to a resync.",
+       static_cast<double>(e.queue_capacity));
+  line("faitra_export_resync_needed", "gauge", "1 while a full resync is due and not yet begun.",
+       e.resync_needed ? 1 : 0);
+  line("faitra_export_last_resync_timestamp_seconds", "gauge", "Unix time of the last completed resync (0: none).",
+       static_cast<double>(e.last_resync));
+  line("faitra_export_resyncs_total", "counter", "Full resyncs completed.", static_cast<double>(e.resyncs));
+  line("faitra_export_batches_total", "counter", "Batches of live changes written.", static_cast<double>(e.batches));
+  line("faitra_export_failures_total", "counter", "Failed connections, resyncs and batches.",
+       static_cast<double>(e.failures));
+  line("faitra_export_overflows_total", "counter", "Times the change queue overflowed into a resync.",
+       static_cast<double>(e.overflows));
+}
+
 }  // namespace
 
 void copy_counters(const daemon_counters& c, metrics_sample& s) {
@@ -107,6 +142,7 @@ std::string render_metrics(const metrics_sample& s) {
                 "First-packet time of the oldest capture on disk, seconds since the epoch.", s.oldest_start);
   seconds_gauge(out, "faitra_retention_newest_start_seconds",
                 "First-packet time of the newest capture on disk, seconds since the epoch.", s.newest_start);
+  if (s.catalogue_export) render_export(out, *s.catalogue_export);
   return out;
 }
 

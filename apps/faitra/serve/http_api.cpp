@@ -85,6 +85,42 @@ void write_reconcile_result(cdl::json_writer& w, const reconcile_result& r) {
   w.end_object();
 }
 
+void write_export_status(cdl::json_writer& w, const export_status& e) {
+  const auto number = [&w](const char* name, unsigned long value) {
+    w.key(name, true);
+    w.value<unsigned long>(value);
+  };
+  w.begin_object();
+  w.key("sensor", true);
+  w.value<std::string>(e.sensor);
+  w.key("connected", true);
+  w.value<bool>(e.connected);
+  w.key("server", true);
+  w.value<std::string>(e.server);
+  w.key("lag_seconds", true);
+  write_fraction(w, e.lag_seconds);
+  w.key("last_batch_lag_seconds", true);
+  write_fraction(w, e.last_batch_lag_seconds);
+  number("queue_depth", e.queue_depth);
+  number("queue_capacity", e.queue_capacity);
+  w.key("resync_needed", true);
+  w.value<bool>(e.resync_needed);
+  w.key("last_resync", true);
+  w.value<long>(e.last_resync);
+  w.key("last_resync_seconds", true);
+  write_fraction(w, e.last_resync_seconds);
+  number("last_resync_captures", e.last_resync_summary.catalogued);
+  number("resyncs", e.resyncs);
+  number("batches", e.batches);
+  number("rows_upserted", e.rows_upserted);
+  number("rows_deleted", e.rows_deleted);
+  number("failures", e.failures);
+  number("overflows", e.overflows);
+  w.key("last_error", true);
+  w.value<std::string>(e.last_error);
+  w.end_object();
+}
+
 const char* reason_phrase(int status) {
   switch (status) {
     case 400: return "bad request";
@@ -494,6 +530,12 @@ void http_api::install(httplib::Server& server) {
     w.key("handler_failures", true);
     w.value<unsigned long>(m.handler_failures);
     write_retention_status(w, d);
+    w.key("export", true);
+    if (m.catalogue_export) {
+      write_export_status(w, *m.catalogue_export);
+    } else {
+      w.null_value();
+    }
     w.end_object();
     send_json(res, 200, w);
   }));

@@ -62,6 +62,11 @@ struct serve_options {
   std::string max_age;
   std::string hard_limit;
   std::string hold_dir;
+  std::string export_postgres;
+  std::string export_password_file;
+  std::string sensor;
+  std::string sensor_url;
+  size_t export_queue = export_options{}.queue_capacity;
 };
 
 // The longest --reconcile-interval: a year (0 turns the periodic runs off).
@@ -169,6 +174,19 @@ int run_serve(const serve_options& cli, bool log_level_given) {
     return 1;
   }
   options.hold_dir = cli.hold_dir;
+  if (!cli.export_postgres.empty()) {
+    if (cli.sensor.empty()) {
+      std::cerr << "faitra serve: --export-postgres needs --sensor NAME\n";
+      return 1;
+    }
+    export_options to;
+    to.conninfo = cli.export_postgres;
+    to.password_file = cli.export_password_file;
+    to.who.sensor = cli.sensor;
+    to.who.url = cli.sensor_url;
+    to.queue_capacity = cli.export_queue;
+    options.export_to = std::move(to);
+  }
 
   // Each directory scan (at start and at every reconcile) takes a 16 MB
   // buffer. glibc serves the first from mmap, but on its release raises its
@@ -333,6 +351,22 @@ void register_serve(CLI::App& app, int& exit_code) {
   sub->add_option("--hold-dir", cli->hold_dir,
                   "Directory for evidence holds, on the captures' file system and outside the watched "
                   "directories (default: ROOT/.faitra-holds)");
+  sub->add_option("--export-postgres", cli->export_postgres,
+                  "Keep this sensor's captures in a central PostgreSQL table (postgresql://HOST/DB or key=value "
+                  "words, without a password): a full resync on start and after every reconnection, live changes "
+                  "in batches. The tables are created if missing");
+  sub->add_option("--export-password-file", cli->export_password_file,
+                  "File (mode 600) whose first line is the database password; without it, libpq's own password "
+                  "file (PGPASSFILE, ~/.pgpass) is used")
+      ->check(CLI::ExistingFile);
+  sub->add_option("--sensor", cli->sensor, "This sensor's name in the central table (letters, digits, '.', '_', '-')");
+  sub->add_option("--sensor-url", cli->sensor_url,
+                  "The URL at which other hosts reach this daemon's API, published in the sensors table for "
+                  "'faitra fleet extract'");
+  sub->add_option("--export-queue", cli->export_queue,
+                  "Changes queued for the database before the export falls back to a full resync")
+      ->capture_default_str()
+      ->check(CLI::PositiveNumber);
   sub->add_flag("--derive-metadata", cli->derive_metadata,
                 "Derive the key, start, end and creation time of captures that lack their attributes from their "
                 "packets, and set the attributes on the files (the default)");

@@ -6,17 +6,18 @@
 // catalogue and the tracker, monitoring on (build_catalogue, which survives
 // captures with malformed attributes); the storage; the cleaner; the
 // reconcile; the hold registry (holds loaded from the hold directory); the
-// runtime's start callbacks (the storage's delete thread); the job and
-// reconcile threads; the cleanup history's thread; the hard-limit guard, the
-// retention by age and the holds' upkeep (expiry, windows that take new
-// captures).
+// catalogue export, when asked for; the runtime's start callbacks (the
+// storage's delete thread); the job, reconcile and export threads; the
+// cleanup history's thread; the hard-limit guard, the retention by age and
+// the holds' upkeep (expiry, windows that take new captures).
 //
 // shutdown() (also run by the destructor) goes the other way, in the order
 // the library requires: the cleanup history, the hard-limit guard, the
 // retention and the holds' upkeep; background jobs (running commands are
 // killed) and the reconcile thread; the runtime's stop callbacks (the delete thread is
 // joined); the tracker's monitoring; the tracker's listener group and
-// worker group (no handler can run after that); then the cleaner (which
+// worker group (no handler can run after that); the export (one last flush
+// of its queued changes, up to EXPORT_FLUSH); then the cleaner (which
 // waits for a running cleanup, possibly inside its 15-second pause), the
 // storage, the tracker and the catalogue. The HTTP server must be stopped
 // before.
@@ -27,6 +28,7 @@
 
 #include <faitra/host/capture_filter.hpp>
 #include <faitra/host/cleanup_history.hpp>
+#include <faitra/host/catalogue_export.hpp>
 #include <faitra/host/daemon_command.hpp>
 #include <faitra/host/metadata_deriver.hpp>
 #include <faitra/host/hard_limit.hpp>
@@ -85,6 +87,7 @@ struct daemon_options {
   std::optional<double> hard_limit;
   // Where held captures are linked; empty: ROOT/.faitra-holds.
   std::string hold_dir;
+  std::optional<export_options> export_to;  // keep a central PostgreSQL table in step
 };
 
 constexpr double DEFAULT_HARD_LIMIT = 0.97;
@@ -119,6 +122,8 @@ class job_runner {
 
 class capture_daemon {
  public:
+  static constexpr std::chrono::seconds EXPORT_FLUSH{5};
+
   // Builds and starts everything; raises (with a readable message) when the
   // directories cannot be scanned or the options are unusable.
   explicit capture_daemon(daemon_options options);
@@ -140,6 +145,8 @@ class capture_daemon {
   // Null when off.
   const hard_limit_guard* hard_limit() const { return _hard_limit.get(); }
   const age_retention* retention() const { return _retention.get(); }
+  // The export, or nullptr when the options asked for none.
+  const catalogue_export* exporter() const { return _export.get(); }
   job_runner& jobs() { return *_jobs; }
   const cleanup_history& history() const { return *_history; }
   const daemon_counters& counters() const { return _counters; }
@@ -177,6 +184,7 @@ class capture_daemon {
   std::atomic<long> _last_reset_request{std::numeric_limits<long>::min() / 2};  // steady seconds
   std::unique_ptr<reconciler> _reconciler;
   std::unique_ptr<metadata_deriver> _deriver;  // outlives the tracker's listener group
+  std::unique_ptr<catalogue_export> _export;
   std::unique_ptr<job_runner> _jobs;
   std::unique_ptr<cleanup_history> _history;
   std::atomic<cleanup_history*> _history_seen{nullptr};  // for the cleaner's callbacks

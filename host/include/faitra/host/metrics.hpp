@@ -14,10 +14,13 @@
 //  - metadata derived from packets: counted by the deriver;
 //  - inotify queue overflows: the tracker counts the kernel's overflow
 //    events; the reconcile adds each new one here as it starts a run for it;
-//  - the hard limit, the retention by age and the holds count what they do.
+//  - the hard limit, the retention by age and the holds count what they do;
+//  - the catalogue export's state, when there is one (export_status.hpp).
 //
 // Thread-safety: counters are atomics; render_metrics is pure.
 #pragma once
+
+#include <faitra/host/export_status.hpp>
 
 #include <atomic>
 #include <optional>
@@ -72,6 +75,7 @@ struct metrics_sample {
   unsigned long holds = 0;
   unsigned long held_captures = 0;
   unsigned long held_bytes = 0;
+  std::optional<export_status> catalogue_export;  // when the daemon exports its catalogue
 };
 
 // Copies the counters into `sample` (the gauges are left as they are).
