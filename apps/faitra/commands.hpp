@@ -14,5 +14,6 @@ void register_tag(CLI::App& app, int& exit_code);
 void register_client(CLI::App& app, int& exit_code);
 void register_extract(CLI::App& app, int& exit_code);
 void register_hold(CLI::App& app, int& exit_code);
+void register_fleet(CLI::App& app, int& exit_code);
 
 }  // namespace faitra_cli

@@ -24,6 +24,7 @@ int main(int argc, char** argv) {
   faitra_cli::register_tag(app, exit_code);
   faitra_cli::register_client(app, exit_code);
   faitra_cli::register_extract(app, exit_code);
+  faitra_cli::register_fleet(app, exit_code);
   // `serve --config FILE` adds the file's options to the arguments.
   std::vector<std::string> args(argv + 1, argv + argc);
   faitra_cli::config_sources sources;

@@ -1,7 +1,8 @@
 // Two daemons as two sensors exporting to one real PostgreSQL, with writers
 // running and age cleanups deleting: the central table equals each
 // sensor's catalogue once things settle, also after the database was down
-// while captures came and went.
+// while captures came and went; `faitra fleet ls` answers a window over
+// both sensors from the table alone.
 #include "daemon_harness.hpp"
 #include "support/postgres_server.hpp"
 
@@ -184,6 +185,60 @@ TEST_F(FleetTest, TheTableFollowsEachSensorThroughAnOutage) {
     EXPECT_GE(status.json["export"]["resyncs"].GetUint64(), 2U);
     EXPECT_GE(s.daemon->metric("faitra_export_failures_total{sensor=\"" + s.name + "\"}"), 1);
   }
+}
+
+TEST_F(FleetTest, FleetLsListsTheCapturesOverlappingAWindowAcrossSensors) {
+  start_writers();
+  ASSERT_TRUE(faitra_test::wait_until([&] { return each_catalogue_has(20); }, SETTLE));
+  stop_writers();
+  ASSERT_TRUE(faitra_test::wait_until([&] { return settled(); }, SETTLE));
+
+  // Every (sensor, path, start, end) the catalogues hold.
+  struct capture {
+    std::string sensor, path;
+    unsigned long start, end;
+  };
+  std::vector<capture> all;
+  for (sensor& s : _sensors) {
+    for (const auto& [path, text] : catalogue_of(*s.daemon)) {
+      std::istringstream fields(text);
+      std::string key, creation;
+      capture c{s.name, path, 0, 0};
+      fields >> key >> creation >> c.start >> c.end;
+      all.push_back(c);
+    }
+  }
+  const auto listed = [&](const std::vector<std::string>& extra) {
+    std::vector<std::string> args = {"fleet", "ls", "--json", "--db", _pg.conninfo(), "--db-password-file",
+                                     _pg.password_file()};
+    args.insert(args.end(), extra.begin(), extra.end());
+    const faitra_e2e::run_result r = faitra_e2e::run(args);
+    EXPECT_EQ(r.status, 0) << r.err;
+    rapidjson::Document doc;
+    doc.Parse(r.out.c_str());
+    std::set<std::string> out;
+    if (doc.IsObject()) {
+      for (const auto& c : doc["captures"].GetArray()) out.insert(std::string(c["sensor"].GetString()) + c["path"].GetString());
+    }
+    return out;
+  };
+  const auto expected = [&](unsigned long start, unsigned long end, const std::string& only) {
+    std::set<std::string> out;
+    for (const capture& c : all) {
+      if (c.start <= end && c.end >= start && (only.empty() || c.sensor == only)) out.insert(c.sensor + c.path);
+    }
+    return out;
+  };
+  // An instant inside a capture that began before it: listed, with every
+  // other capture of either sensor that covers that instant.
+  const capture& inside = all[all.size() / 2];
+  const unsigned long t = inside.start + (inside.end - inside.start) / 2;
+  const std::set<std::string> at_t = listed({"--start", std::to_string(t), "--end", std::to_string(t)});
+  EXPECT_EQ(at_t.count(inside.sensor + inside.path), 1U);
+  EXPECT_EQ(at_t, expected(t, t, ""));
+  EXPECT_EQ(listed({"--start", "0", "--end", "9223372036854775807", "--sensor", "south"}),
+            expected(0, ~0UL, "south"));
+  EXPECT_EQ(expected(0, ~0UL, "").size(), all.size());
 }
 
 TEST(ChangeQueueTest, OverflowsIntoOneResyncAndQueuesEachPathOnce) {

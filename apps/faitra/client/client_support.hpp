@@ -5,6 +5,7 @@
 // Thread-safety: used from the command's single thread.
 #pragma once
 
+#include "table.hpp"
 #include <faitra/host/daemon_address.hpp>
 
 #include <CLI/CLI.hpp>
@@ -63,7 +64,5 @@ unsigned long time_option(const std::string& option, const std::string& text, bo
 std::string time_text_of(const rapidjson::Value& v, bool seconds = false);
 
 std::string human_bytes(unsigned long bytes);
-
-void print_table(const std::vector<std::string>& header, const std::vector<std::vector<std::string>>& rows);
 
 }  // namespace faitra_cli

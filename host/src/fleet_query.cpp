@@ -1,0 +1,104 @@
+#include <faitra/host/fleet_query.hpp>
+
+#include <faitra/host/catalogue_schema.hpp>
+#include <faitra/host/daemon_address.hpp>
+
+#include <algorithm>
+#include <fstream>
+#include <limits>
+#include <sstream>
+
+namespace faitra_host {
+
+namespace {
+
+const char* const OVERLAPPING = R"sql(
+SELECT c.sensor, c.root, c.path, c.key, c.creation_ts, c.start_ts, c.end_ts, c.file_size,
+       to_char(c.seen AT TIME ZONE 'UTC', 'YYYY-MM-DD"T"HH24:MI:SS.US"Z"')
+FROM faitra_sensors s
+CROSS JOIN LATERAL (
+  SELECT * FROM faitra_captures c
+  WHERE c.sensor = s.sensor
+    AND c.start_ts >= $1::bigint - least(s.longest_capture_ns, $1::bigint)
+    AND c.start_ts <= $2::bigint AND c.end_ts >= $1::bigint) c
+WHERE $3::text[] IS NULL OR s.sensor = ANY($3::text[])
+ORDER BY c.start_ts, c.sensor, c.path
+)sql";
+
+std::string bigint_text(uint64_t value) {
+  return std::to_string(std::min<uint64_t>(value, std::numeric_limits<int64_t>::max()));
+}
+
+}  // namespace
+
+void check_catalogue(pg_connection& db) {
+  const pg_result found = db.exec(
+      "SELECT to_regclass('faitra_schema') IS NOT NULL AND to_regclass('faitra_captures') IS NOT NULL "
+      "AND to_regclass('faitra_sensors') IS NOT NULL");
+  if (found.text(0, 0) != "t") throw pg_error("this database holds no catalogue yet: no sensor has exported to it");
+  const pg_result version = db.exec("SELECT version FROM faitra_schema WHERE component = 'catalogue'");
+  if (version.rows() != 1 || version.number(0, 0) != CATALOGUE_SCHEMA_VERSION) {
+    throw pg_error("the database holds catalogue tables of another version than " +
+                   std::to_string(CATALOGUE_SCHEMA_VERSION));
+  }
+}
+
+std::vector<fleet_capture> captures_overlapping(pg_connection& db, uint64_t start, uint64_t end,
+                                                const std::vector<std::string>& sensors) {
+  std::vector<pg_param> names(sensors.begin(), sensors.end());
+  const pg_result rows =
+      db.exec(OVERLAPPING, {bigint_text(start), bigint_text(end), sensors.empty() ? pg_param() : array_literal(names)});
+  std::vector<fleet_capture> out(static_cast<size_t>(rows.rows()));
+  for (int r = 0; r < rows.rows(); ++r) {
+    fleet_capture& c = out[static_cast<size_t>(r)];
+    c.sensor = rows.text(r, 0);
+    c.root = rows.text(r, 1);
+    c.path = rows.text(r, 2);
+    if (!rows.is_null(r, 3)) c.key = rows.text(r, 3);
+    c.creation_ts = static_cast<uint64_t>(rows.number(r, 4));
+    c.start_ts = static_cast<uint64_t>(rows.number(r, 5));
+    c.end_ts = static_cast<uint64_t>(rows.number(r, 6));
+    c.file_size = static_cast<uint64_t>(rows.number(r, 7));
+    c.seen = rows.text(r, 8);
+  }
+  return out;
+}
+
+std::map<std::string, sensor_endpoint> sensors_from_table(pg_connection& db) {
+  std::map<std::string, sensor_endpoint> out;
+  const pg_result rows = db.exec("SELECT sensor, url, token FROM faitra_sensors");
+  for (int r = 0; r < rows.rows(); ++r) {
+    sensor_endpoint& e = out[rows.text(r, 0)];
+    if (!rows.is_null(r, 1)) e.url = rows.text(r, 1);
+    if (!rows.is_null(r, 2)) e.token = rows.text(r, 2);
+  }
+  return out;
+}
+
+std::map<std::string, sensor_endpoint> sensors_from_file(const std::string& path) {
+  std::ifstream in(path);
+  if (!in) throw std::runtime_error("cannot read " + path);
+  std::map<std::string, sensor_endpoint> out;
+  unsigned number = 0;
+  for (std::string line; std::getline(in, line);) {
+    ++number;
+    line = line.substr(0, line.find('#'));
+    std::istringstream words(line);
+    std::string name, url, token_file, extra;
+    if (!(words >> name)) continue;
+    if (!(words >> url) || (words >> token_file && words >> extra)) {
+      throw std::runtime_error(path + ":" + std::to_string(number) + ": expected NAME URL [TOKEN-FILE]");
+    }
+    sensor_endpoint& e = out[name];
+    e.url = url;
+    if (!token_file.empty()) {
+      std::string error;
+      const auto token = read_token_file(token_file, error);
+      if (!token) throw std::runtime_error(path + ":" + std::to_string(number) + ": " + error);
+      e.token = *token;
+    }
+  }
+  return out;
+}
+
+}  // namespace faitra_host
