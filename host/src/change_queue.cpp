@@ -22,7 +22,8 @@ void change_queue::note(const std::string& path) {
     } else {
       const auto inserted = _pending.emplace(path, now).first;
       _order.push_back(&inserted->first);
-      due = _pending.size() == 1;  // a waiter may now have a deadline to keep
+      // A waiter may now have a nearer deadline, or a full batch.
+      due = _pending.size() == 1 || _pending.size() == _batch_max;
     }
   }
   if (due) _cv.notify_all();
@@ -53,6 +54,7 @@ std::optional<change_queue::clock::time_point> change_queue::take_resync() {
 change_queue::batch change_queue::wait_for_batch(size_t max, clock::duration interval, clock::time_point until) {
   batch out;
   std::unique_lock<std::mutex> lock(_mutex);
+  _batch_max = max;
   for (;;) {
     if (_woken || _resync_since) break;
     clock::time_point deadline = until;
@@ -71,10 +73,13 @@ change_queue::batch change_queue::wait_for_batch(size_t max, clock::duration int
       deadline = std::min(deadline, due);
     }
     if (clock::now() >= until) break;
-    // Woken early by a note that makes the queue full or by a resync
+    // Woken early by the first note into an empty queue (its age sets a
+    // nearer deadline), a note that makes the batch full or a resync
     // request; a batch that is merely growing is left to its deadline.
+    const bool was_empty = _order.empty();
     _cv.wait_until(lock, deadline, [&] {
-      return _woken || _resync_since || _order.size() >= max || clock::now() >= deadline;
+      return _woken || _resync_since || _order.size() >= max || (was_empty && !_order.empty()) ||
+             clock::now() >= deadline;
     });
   }
   _woken = false;

@@ -71,6 +71,7 @@ class change_queue {
   std::deque<const std::string*> _order;  // keys of _pending, oldest first
   std::optional<clock::time_point> _resync_since;
   unsigned long _overflows = 0;
+  size_t _batch_max = 0;  // of the last wait_for_batch(), for waking it when its batch is full
   bool _woken = false;
 };
 
