@@ -12,19 +12,6 @@ namespace faitra_host {
 
 namespace {
 
-const char* const OVERLAPPING = R"sql(
-SELECT c.sensor, c.root, c.path, c.key, c.creation_ts, c.start_ts, c.end_ts, c.file_size,
-       to_char(c.seen AT TIME ZONE 'UTC', 'YYYY-MM-DD"T"HH24:MI:SS.US"Z"')
-FROM faitra_sensors s
-CROSS JOIN LATERAL (
-  SELECT * FROM faitra_captures c
-  WHERE c.sensor = s.sensor
-    AND c.start_ts >= $1::bigint - least(s.longest_capture_ns, $1::bigint)
-    AND c.start_ts <= $2::bigint AND c.end_ts >= $1::bigint) c
-WHERE $3::text[] IS NULL OR s.sensor = ANY($3::text[])
-ORDER BY c.start_ts, c.sensor, c.path
-)sql";
-
 std::string bigint_text(uint64_t value) {
   return std::to_string(std::min<uint64_t>(value, std::numeric_limits<int64_t>::max()));
 }
@@ -32,22 +19,47 @@ std::string bigint_text(uint64_t value) {
 }  // namespace
 
 void check_catalogue(pg_connection& db) {
-  const pg_result found = db.exec(
+  const sql_result found = db.exec(
       "SELECT to_regclass('faitra_schema') IS NOT NULL AND to_regclass('faitra_captures') IS NOT NULL "
       "AND to_regclass('faitra_sensors') IS NOT NULL");
   if (found.text(0, 0) != "t") throw pg_error("this database holds no catalogue yet: no sensor has exported to it");
-  const pg_result version = db.exec("SELECT version FROM faitra_schema WHERE component = 'catalogue'");
+  const sql_result version = db.exec("SELECT version FROM faitra_schema WHERE component = 'catalogue'");
   if (version.rows() != 1 || version.number(0, 0) != CATALOGUE_SCHEMA_VERSION) {
     throw pg_error("the database holds catalogue tables of another version than " +
                    std::to_string(CATALOGUE_SCHEMA_VERSION));
   }
 }
 
+overlap_statement overlapping_statement(pg_connection& db, uint64_t start, uint64_t end,
+                                        const std::vector<std::string>& sensors) {
+  std::vector<pg_param> names(sensors.begin(), sensors.end());
+  const sql_result bounds = db.exec(
+      "SELECT sensor, longest_capture_ns FROM faitra_sensors WHERE $1::text[] IS NULL OR sensor = ANY($1::text[]) "
+      "ORDER BY sensor",
+      {sensors.empty() ? pg_param() : array_literal(names)});
+  overlap_statement out;
+  out.params = {bigint_text(start), bigint_text(end)};
+  for (int r = 0; r < bounds.rows(); ++r) {
+    const uint64_t longest = static_cast<uint64_t>(std::max(0LL, bounds.number(r, 1)));
+    const std::string sensor = "$" + std::to_string(out.params.size() + 1);
+    const std::string lowest = "$" + std::to_string(out.params.size() + 2);
+    out.params.push_back(bounds.text(r, 0));
+    out.params.push_back(bigint_text(start - std::min(longest, start)));
+    if (!out.sql.empty()) out.sql += "UNION ALL\n";
+    out.sql += "(SELECT sensor, root, path, key, creation_ts, start_ts, end_ts, file_size, "
+               "to_char(seen AT TIME ZONE 'UTC', 'YYYY-MM-DD\"T\"HH24:MI:SS.US\"Z\"') AS seen "
+               "FROM faitra_captures WHERE sensor = " + sensor + " AND start_ts >= " + lowest +
+               "::bigint AND start_ts <= $2::bigint AND end_ts >= $1::bigint)\n";
+  }
+  if (!out.sql.empty()) out.sql += "ORDER BY start_ts, sensor, path";
+  return out;
+}
+
 std::vector<fleet_capture> captures_overlapping(pg_connection& db, uint64_t start, uint64_t end,
                                                 const std::vector<std::string>& sensors) {
-  std::vector<pg_param> names(sensors.begin(), sensors.end());
-  const pg_result rows =
-      db.exec(OVERLAPPING, {bigint_text(start), bigint_text(end), sensors.empty() ? pg_param() : array_literal(names)});
+  const overlap_statement statement = overlapping_statement(db, start, end, sensors);
+  if (statement.sql.empty()) return {};
+  const sql_result rows = db.exec(statement.sql, statement.params);
   std::vector<fleet_capture> out(static_cast<size_t>(rows.rows()));
   for (int r = 0; r < rows.rows(); ++r) {
     fleet_capture& c = out[static_cast<size_t>(r)];
@@ -66,7 +78,7 @@ std::vector<fleet_capture> captures_overlapping(pg_connection& db, uint64_t star
 
 std::map<std::string, sensor_endpoint> sensors_from_table(pg_connection& db) {
   std::map<std::string, sensor_endpoint> out;
-  const pg_result rows = db.exec("SELECT sensor, url, token FROM faitra_sensors");
+  const sql_result rows = db.exec("SELECT sensor, url, token FROM faitra_sensors");
   for (int r = 0; r < rows.rows(); ++r) {
     sensor_endpoint& e = out[rows.text(r, 0)];
     if (!rows.is_null(r, 1)) e.url = rows.text(r, 1);

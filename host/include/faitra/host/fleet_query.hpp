@@ -4,9 +4,12 @@
 //
 // A capture overlaps the closed window [start, end] when its first packet is
 // at or before `end` and its last at or after `start`; captures without
-// packet times are never listed. The query walks the (sensor, start_ts)
-// index of each sensor from `start` minus the sensor's longest capture, so
-// its cost follows the captures near the window, not the table's size.
+// packet times are never listed. The statement reads each sensor's
+// (sensor, start_ts) index from `start` minus that sensor's longest capture
+// (faitra_sensors.longest_capture_ns) to `end`: one branch per sensor, each
+// confined to one sensor, so its cost follows the captures near the window,
+// not the table's size, and a distributed PostgreSQL sends each branch to
+// the one node that holds the sensor.
 //
 // Sensor endpoints come from the faitra_sensors table (url and token
 // columns) or from a file of lines "NAME URL [TOKEN-FILE]" ('#' starts a
@@ -45,6 +48,16 @@ struct sensor_endpoint {
 // Raises pg_error (with a readable reason when no sensor has exported to
 // this database yet).
 void check_catalogue(pg_connection& db);
+
+// The statement behind captures_overlapping(): one branch per sensor, each
+// a range on that sensor's (sensor, start_ts) index from the window's start
+// minus the sensor's longest capture; empty when no sensor is known.
+struct overlap_statement {
+  std::string sql;
+  std::vector<pg_param> params;
+};
+overlap_statement overlapping_statement(pg_connection& db, uint64_t start, uint64_t end,
+                                        const std::vector<std::string>& sensors);
 
 // In time order (start, then sensor, then path). An empty `sensors` means
 // every sensor.
