@@ -43,7 +43,7 @@ void ensure_schema(pg_connection& db) {
     db.exec(SCHEMA);
     db.exec("INSERT INTO faitra_schema (component, version) VALUES ('catalogue', $1) ON CONFLICT DO NOTHING",
             {std::to_string(CATALOGUE_SCHEMA_VERSION)});
-    const pg_result version = db.exec("SELECT version FROM faitra_schema WHERE component = 'catalogue'");
+    const sql_result version = db.exec("SELECT version FROM faitra_schema WHERE component = 'catalogue'");
     if (version.rows() != 1 || version.number(0, 0) != CATALOGUE_SCHEMA_VERSION) {
       throw pg_error("the database holds catalogue tables of version " +
                      (version.rows() == 1 ? version.text(0, 0) : std::string("?")) + "; this program knows " +

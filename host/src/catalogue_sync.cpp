@@ -55,7 +55,7 @@ struct row_fields {
 
   // Whether row `r` of a cursor fetch (path, root, key, creation_ts,
   // start_ts, end_ts, file_size) says the same.
-  bool same_as(const pg_result& rows, int r) const {
+  bool same_as(const sql_result& rows, int r) const {
     const auto same = [&](int field, const pg_param& mine) {
       return rows.is_null(r, field) ? !mine : mine && rows.text(r, field) == *mine;
     };
@@ -164,7 +164,7 @@ sync_summary resync_sensor(pg_connection& db, const sensor_identity& who, const 
 
     std::vector<csl::fs_entry> chunk = catalogue_chunk(catalogue, "", true);
     size_t ci = 0;
-    pg_result rows = db.exec(fetch);
+    sql_result rows = db.exec(fetch);
     int di = 0;
     std::string copy;
     upsert_batch changed;

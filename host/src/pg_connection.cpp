@@ -24,19 +24,19 @@ std::string trimmed_error(const char* message) {
 
 }  // namespace
 
-pg_result::pg_result(::pg_result* result) : _result(result, &PQclear) {}
+sql_result::sql_result(::pg_result* result) : _result(result, &PQclear) {}
 
-int pg_result::rows() const { return PQntuples(_result.get()); }
+int sql_result::rows() const { return PQntuples(_result.get()); }
 
-bool pg_result::is_null(int row, int field) const { return PQgetisnull(_result.get(), row, field) != 0; }
+bool sql_result::is_null(int row, int field) const { return PQgetisnull(_result.get(), row, field) != 0; }
 
-std::string pg_result::text(int row, int field) const { return PQgetvalue(_result.get(), row, field); }
+std::string sql_result::text(int row, int field) const { return PQgetvalue(_result.get(), row, field); }
 
-long long pg_result::number(int row, int field) const {
+long long sql_result::number(int row, int field) const {
   return std::strtoll(PQgetvalue(_result.get(), row, field), nullptr, 10);
 }
 
-unsigned long pg_result::affected() const {
+unsigned long sql_result::affected() const {
   const char* text = PQcmdTuples(_result.get());
   return text == nullptr || *text == '\0' ? 0 : std::strtoul(text, nullptr, 10);
 }
@@ -116,8 +116,8 @@ void pg_connection::fail(const std::string& what) const {
   throw pg_error(what + ": " + trimmed_error(PQerrorMessage(_conn)));
 }
 
-pg_result pg_connection::check(::pg_result* raw, const std::string& what) {
-  pg_result result(raw);
+sql_result pg_connection::check(::pg_result* raw, const std::string& what) {
+  sql_result result(raw);
   const ExecStatusType status = PQresultStatus(raw);
   if (raw == nullptr || (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK)) {
     if (raw == nullptr) fail(what);
@@ -126,9 +126,9 @@ pg_result pg_connection::check(::pg_result* raw, const std::string& what) {
   return result;
 }
 
-pg_result pg_connection::exec(const std::string& sql) { return check(PQexec(_conn, sql.c_str()), "query failed"); }
+sql_result pg_connection::exec(const std::string& sql) { return check(PQexec(_conn, sql.c_str()), "query failed"); }
 
-pg_result pg_connection::exec(const std::string& sql, const std::vector<pg_param>& params) {
+sql_result pg_connection::exec(const std::string& sql, const std::vector<pg_param>& params) {
   std::vector<const char*> values;
   values.reserve(params.size());
   for (const pg_param& p : params) values.push_back(p ? p->c_str() : nullptr);
@@ -153,7 +153,7 @@ unsigned long pg_connection::copy_in(const std::string& sql, const std::string& 
   unsigned long rows = 0;
   std::string error;
   while (::pg_result* raw = PQgetResult(_conn)) {
-    pg_result r(raw);
+    sql_result r(raw);
     if (PQresultStatus(raw) != PGRES_COMMAND_OK) error = trimmed_error(PQresultErrorMessage(raw));
     rows += r.affected();
   }

@@ -41,7 +41,7 @@ rows catalogue_of(const daemon_process& d) {
 std::optional<rows> table_of(const faitra_test::postgres_server& pg, const std::string& sensor) {
   try {
     faitra_host::pg_connection db(pg.conninfo(), pg.password_file());
-    const faitra_host::pg_result r = db.exec(
+    const faitra_host::sql_result r = db.exec(
         "SELECT path, key, creation_ts, start_ts, end_ts, file_size FROM faitra_captures WHERE sensor = $1",
         {sensor});
     rows out;

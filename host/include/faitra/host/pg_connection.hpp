@@ -34,9 +34,9 @@ class pg_error : public std::runtime_error {
 };
 
 // The result of one statement; rows and fields are numbered from 0.
-class pg_result {
+class sql_result {
  public:
-  explicit pg_result(::pg_result* result);
+  explicit sql_result(::pg_result* result);
   int rows() const;
   bool is_null(int row, int field) const;
   std::string text(int row, int field) const;
@@ -68,8 +68,8 @@ class pg_connection {
   std::string describe() const;
   bool broken() const;
 
-  pg_result exec(const std::string& sql);
-  pg_result exec(const std::string& sql, const std::vector<pg_param>& params);
+  sql_result exec(const std::string& sql);
+  sql_result exec(const std::string& sql, const std::vector<pg_param>& params);
 
   // COPY ... FROM STDIN with `data` in COPY's text format; the rows copied.
   unsigned long copy_in(const std::string& sql, const std::string& data);
@@ -80,7 +80,7 @@ class pg_connection {
 
  private:
   [[noreturn]] void fail(const std::string& what) const;
-  pg_result check(::pg_result* result, const std::string& what);
+  sql_result check(::pg_result* result, const std::string& what);
 
   ::pg_conn* _conn = nullptr;
 };
