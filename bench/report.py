@@ -4,6 +4,8 @@ import statistics
 import subprocess
 import tempfile
 
+import fleet
+
 TARGETS = {
     "scan_vs_floor": 1.3,      # at most
     "python_vs_scan": 1.3,     # at least
@@ -455,6 +457,8 @@ def write(results, docs, quick=False):
     out.extend(hard_limit_section(results))
     if "packets" in results:
         out.extend(packets_section(results["packets"]))
+    if "fleet" in results:
+        out.extend(fleet.section(results["fleet"]))
     p("## Design constants")
     p("")
     p(report_text("constants"))

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Runs every benchmark of bench/ and writes docs/performance.md with its plots.
 
-    bench/run.py [--build build/bench] [--docs docs] [--quick] [--only packets]
+    bench/run.py [--build build/bench] [--docs docs] [--quick] [--only packets|hard-limit|fleet]
 
 The scan's capture directories ($TMPDIR/faitra-bench-captures-N) are written
 once and kept for later runs; `--clean-data` removes them. Each benchmark
@@ -11,6 +11,8 @@ packet-retrieval benchmark alone and rewrites only its section of
 docs/performance.md. Needs the programs built by
 the `bench` CMake preset, gnuplot for the plots and root for the cleanup's
 tmpfs; linux-perf is optional (the profile section is left out without it).
+The central catalogue's benchmarks (bench/fleet.py) start a PostgreSQL server
+of their own; `--only fleet` runs just those and rewrites just their section.
 """
 import argparse
 import json
@@ -26,6 +28,7 @@ import urllib.request
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
+import fleet  # noqa: E402
 import report  # noqa: E402
 
 
@@ -422,9 +425,16 @@ def main():
     parser.add_argument("--docs", default="docs")
     parser.add_argument("--quick", action="store_true", help="fewer repetitions, no 30 s cleanup run")
     parser.add_argument("--clean-data", action="store_true", help="remove the kept capture directories and exit")
-    parser.add_argument("--only", choices=["hard-limit", "packets"],
+    parser.add_argument("--only", choices=["hard-limit", "packets", "fleet"],
                         help="run one benchmark and replace only its section of performance.md")
     args = parser.parse_args()
+    if args.only == "fleet":
+        fleet_results = fleet.run(args.build, args.quick)
+        with open(os.path.join(args.build, "bench-results-fleet.json"), "w") as f:
+            json.dump(fleet_results, f, indent=1)
+        fleet.replace_section(os.path.join(args.docs, "performance.md"), fleet.section(fleet_results))
+        log(f"rewrote the central catalogue's section of {os.path.join(args.docs, 'performance.md')}")
+        return
     if args.clean_data:
         for name in ("faitra-bench-captures-10000", "faitra-bench-captures-100000", "faitra-bench-packets-hour",
                      "faitra-bench-packets-older-100000"):
@@ -461,6 +471,7 @@ def main():
     results["hard_limit"] = hard_limit(tools, 1 if args.quick else 3, 10 if args.quick else 20)
     results["packets"] = packets(tools, reps)
     results["profile"] = profile(tools)
+    results["fleet"] = fleet.run(args.build, args.quick)
     results["load_after"] = os.getloadavg()
     with open(os.path.join(args.build, "bench-results.json"), "w") as f:
         json.dump(results, f, indent=1)
