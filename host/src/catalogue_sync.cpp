@@ -87,14 +87,19 @@ class upsert_batch {
     _size.emplace_back(f.size);
   }
   size_t size() const { return _path.size(); }
+  // The statement that writes the rows added so far; empties the batch.
+  pg_connection::statement take(const sensor_identity& who) {
+    pg_connection::statement out{UPSERT,
+                                 {who.sensor, who.root, array_literal(_path), array_literal(_key),
+                                  array_literal(_creation), array_literal(_start), array_literal(_end),
+                                  array_literal(_size)}};
+    for (auto* column : {&_path, &_key, &_creation, &_start, &_end, &_size}) column->clear();
+    return out;
+  }
   unsigned long flush(pg_connection& db, const sensor_identity& who) {
     if (_path.empty()) return 0;
-    const unsigned long written =
-        db.exec(UPSERT, {who.sensor, who.root, array_literal(_path), array_literal(_key), array_literal(_creation),
-                         array_literal(_start), array_literal(_end), array_literal(_size)})
-            .affected();
-    for (auto* column : {&_path, &_key, &_creation, &_start, &_end, &_size}) column->clear();
-    return written;
+    const pg_connection::statement s = take(who);
+    return db.exec(s.sql, s.params).affected();
   }
 
  private:
@@ -222,24 +227,24 @@ sync_summary resync_sensor(pg_connection& db, const sensor_identity& who, const 
 
 void apply_changes(pg_connection& db, const sensor_identity& who, const std::vector<csl::fs_entry>& present,
                    const std::vector<std::string>& gone) {
-  in_transaction(db, [&] {
-    std::vector<pg_param> paths(gone.begin(), gone.end());
-    delete_paths(db, who, paths);
+  // One round trip, one transaction.
+  std::vector<pg_connection::statement> statements;
+  if (!gone.empty()) {
+    statements.push_back({DELETE_PATHS, {who.sensor, array_literal(std::vector<pg_param>(gone.begin(), gone.end()))}});
+  }
+  if (!present.empty()) {
     upsert_batch batch;
     unsigned long longest = 0;
     for (const csl::fs_entry& record : present) {
       batch.add(record, row_fields(record, who.root));
       longest = std::max(longest, span_of(record));
     }
-    batch.flush(db, who);
-    if (!present.empty()) {
-      db.exec(
-          "UPDATE faitra_sensors SET longest_capture_ns = greatest(longest_capture_ns, $2), updated = now() "
-          "WHERE sensor = $1",
-          {who.sensor, std::to_string(longest)});
-    }
-    return 0;
-  });
+    statements.push_back(batch.take(who));
+    statements.push_back({"UPDATE faitra_sensors SET longest_capture_ns = greatest(longest_capture_ns, $2), "
+                          "updated = now() WHERE sensor = $1",
+                          {who.sensor, std::to_string(longest)}});
+  }
+  if (!statements.empty()) db.exec_together(statements);
 }
 
 }  // namespace faitra_host

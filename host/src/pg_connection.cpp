@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <utility>
 
 namespace faitra_host {
 
@@ -135,6 +136,45 @@ sql_result pg_connection::exec(const std::string& sql, const std::vector<pg_para
   return check(PQexecParams(_conn, sql.c_str(), static_cast<int>(values.size()), nullptr, values.data(), nullptr,
                             nullptr, 0),
                "query failed");
+}
+
+std::vector<unsigned long> pg_connection::exec_together(const std::vector<statement>& statements) {
+  if (PQenterPipelineMode(_conn) != 1) fail("cannot send statements together");
+  std::string error;
+  for (const statement& s : statements) {
+    std::vector<const char*> values;
+    for (const pg_param& p : s.params) values.push_back(p ? p->c_str() : nullptr);
+    if (PQsendQueryParams(_conn, s.sql.c_str(), static_cast<int>(values.size()), nullptr, values.data(), nullptr,
+                          nullptr, 0) != 1) {
+      error = trimmed_error(PQerrorMessage(_conn));
+      break;
+    }
+  }
+  // The sync ends the implicit transaction: it commits, or rolls back after
+  // an error. Every result up to it is read before leaving pipeline mode.
+  if (PQpipelineSync(_conn) != 1) {
+    PQexitPipelineMode(_conn);
+    fail("cannot send statements together");
+  }
+  std::vector<unsigned long> affected;
+  for (;;) {
+    sql_result result(PQgetResult(_conn));
+    if (result.raw() == nullptr) {  // the end of one statement's results
+      if (PQstatus(_conn) != CONNECTION_OK) break;
+      continue;
+    }
+    const ExecStatusType status = PQresultStatus(result.raw());
+    if (status == PGRES_PIPELINE_SYNC) break;
+    if (status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK) {
+      affected.push_back(result.affected());
+    } else if (error.empty() && status != PGRES_PIPELINE_ABORTED) {
+      error = trimmed_error(PQresultErrorMessage(result.raw()));
+    }
+  }
+  PQexitPipelineMode(_conn);
+  if (!error.empty()) throw pg_error("query failed: " + error);
+  if (affected.size() != statements.size()) fail("the connection broke");
+  return affected;
 }
 
 unsigned long pg_connection::copy_in(const std::string& sql, const std::string& data) {

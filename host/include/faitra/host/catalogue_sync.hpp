@@ -12,8 +12,8 @@
 // sends those changes afterwards as live changes (they are noted from
 // before the walk begins), so the table converges.
 //
-// apply_changes() writes one batch in one transaction: the records present
-// in the catalogue are upserted (a row is rewritten only when it differs),
+// apply_changes() writes one batch in one transaction and one round trip:
+// the records present in the catalogue are upserted (a row is rewritten only when it differs),
 // the paths no longer catalogued are deleted.
 //
 // Numbers above the largest bigint are stored as that largest value.

@@ -43,6 +43,7 @@ class sql_result {
   long long number(int row, int field) const;
   // The rows a command changed (INSERT, UPDATE, DELETE, COPY).
   unsigned long affected() const;
+  ::pg_result* raw() const { return _result.get(); }
 
  private:
   std::unique_ptr<::pg_result, void (*)(::pg_result*)> _result;
@@ -70,6 +71,14 @@ class pg_connection {
 
   sql_result exec(const std::string& sql);
   sql_result exec(const std::string& sql, const std::vector<pg_param>& params);
+
+  // Runs `statements` in one round trip (libpq's pipeline mode) and in one
+  // implicit transaction: all of them or none. The rows each one changed.
+  struct statement {
+    std::string sql;
+    std::vector<pg_param> params;
+  };
+  std::vector<unsigned long> exec_together(const std::vector<statement>& statements);
 
   // COPY ... FROM STDIN with `data` in COPY's text format; the rows copied.
   unsigned long copy_in(const std::string& sql, const std::string& data);
