@@ -129,6 +129,27 @@ function drawCounters(s) {
     el("tr", {}, el("td", {}, name), el("td", { class: "num" }, value(v, v, "counter." + field)))));
 }
 
+// The catalogue export to PostgreSQL, when the daemon runs one.
+function drawExport(e) {
+  $("export").hidden = !e;
+  if (!e) return;
+  const state = $("export-state");
+  state.className = "badge " + (e.connected && !e.resync_needed ? "ok" : e.connected ? "busy" : "bad");
+  state.textContent = e.connected ? (e.resync_needed ? "resync due" : "in step") : "disconnected";
+  const rows = [
+    ["sensor", e.sensor, "sensor"],
+    ["database", e.server || "-", "server"],
+    ["lag", e.lag_seconds.toFixed(2) + " s", "lag_seconds", e.lag_seconds],
+    ["queue", e.queue_depth + " of " + e.queue_capacity, "queue_depth", e.queue_depth],
+    ["last resync", when(e.last_resync) + " (" + e.last_resync_captures + " captures in " +
+      e.last_resync_seconds.toFixed(2) + " s)", "last_resync", e.last_resync],
+    ["resyncs / batches", e.resyncs + " / " + e.batches, "batches", e.batches],
+    ["failures", e.failures + (e.last_error ? ": " + e.last_error : ""), "failures", e.failures],
+  ];
+  $("export-figures").tBodies[0].replaceChildren(...rows.map(([name, text, field, raw]) =>
+    el("tr", {}, el("td", {}, name), el("td", {}, value(text, raw ?? text, "export." + field)))));
+}
+
 function drawRetention(w) {
   $("oldest").textContent = fromNs(w.oldest_start);
   $("oldest").dataset.value = w.oldest_start ?? "";
@@ -166,6 +187,7 @@ async function refresh() {
     drawRetention(status.retention);
     drawTimeline(timeline);
     drawRuns(runs.runs);
+    drawExport(status.export);
     drawCounters(status);
     $("updated").textContent = "updated " + new Date().toLocaleTimeString();
     document.body.dataset.polls = String(++polls);
