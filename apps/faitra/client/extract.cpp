@@ -16,6 +16,7 @@
 #include "commands.hpp"
 #include "client/daemon_client.hpp"
 #include "option_values.hpp"
+#include "extract_output.hpp"
 
 #include <faitra/host/capture_overlap.hpp>
 #include <faitra/host/capture_summary.hpp>
@@ -28,7 +29,6 @@
 #include <cdl/task_system.hpp>
 
 #include <httplib.h>
-#include <rapidjson/document.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -50,10 +50,8 @@ using namespace faitra_host;
 
 namespace {
 
-constexpr size_t WRITE_BUFFER = 1 << 20;
 constexpr size_t CHUNK = 1 << 20;
 constexpr std::chrono::milliseconds SLICE{100};
-constexpr std::chrono::milliseconds PROGRESS_EVERY{200};
 // Between two pieces of the daemon's answer: a selective filter over a
 // long window may find nothing for a while.
 constexpr std::chrono::seconds READ_TIMEOUT{600};
@@ -84,131 +82,6 @@ uint64_t time_option(const std::string& option, const std::string& text) {
   return *ns;
 }
 
-std::string human_bytes(uint64_t bytes) {
-  const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
-  double value = static_cast<double>(bytes);
-  size_t unit = 0;
-  while (value >= 1024.0 && unit + 1 < std::size(units)) {
-    value /= 1024.0;
-    ++unit;
-  }
-  char text[32];
-  std::snprintf(text, sizeof text, unit == 0 ? "%.0f %s" : "%.1f %s", value, units[unit]);
-  return text;
-}
-
-// Standard output, or a temporary file beside the target that commit()
-// renames over it; without commit() the temporary file is removed.
-class output_file {
- public:
-  explicit output_file(const std::string& target) : _target(target) {
-    if (target == "-") {
-      if (::isatty(STDOUT_FILENO)) {
-        throw failure("will not write a capture to a terminal; give -w FILE or redirect standard output");
-      }
-      _fd = STDOUT_FILENO;
-      _shown = "standard output";
-      return;
-    }
-    const size_t slash = target.rfind('/');
-    const std::string dir = slash == std::string::npos ? "." : target.substr(0, slash == 0 ? 1 : slash);
-    const std::string name = slash == std::string::npos ? target : target.substr(slash + 1);
-    if (name.empty()) throw failure("-w: " + target + " names a directory, not a file");
-    _temporary = dir + "/." + name + ".XXXXXX";
-    _fd = ::mkostemp(_temporary.data(), O_CLOEXEC);
-    if (_fd < 0) throw failure("cannot create a file in " + dir + ": " + std::strerror(errno));
-    const mode_t mask = ::umask(0);
-    ::umask(mask);
-    ::fchmod(_fd, 0666 & ~mask);
-    _shown = target;
-  }
-  ~output_file() {
-    if (_temporary.empty()) return;
-    if (_fd >= 0) ::close(_fd);
-    if (!_committed) ::unlink(_temporary.c_str());
-  }
-  output_file(const output_file&) = delete;
-  output_file& operator=(const output_file&) = delete;
-
-  void write(const char* data, size_t size) {
-    _buffer.append(data, size);
-    _bytes += size;
-    if (_buffer.size() >= WRITE_BUFFER) flush();
-  }
-
-  void commit() {
-    flush();
-    if (_temporary.empty()) return;
-    if (::close(_fd) != 0) {
-      _fd = -1;
-      throw failure("writing " + _target + ": " + std::strerror(errno));
-    }
-    _fd = -1;
-    if (::rename(_temporary.c_str(), _target.c_str()) != 0) {
-      throw failure("cannot rename the file to " + _target + ": " + std::strerror(errno));
-    }
-    _committed = true;
-  }
-
-  uint64_t bytes() const { return _bytes; }
-  const std::string& shown() const { return _shown; }
-
- private:
-  void flush() {
-    size_t done = 0;
-    while (done < _buffer.size()) {
-      const ssize_t n = ::write(_fd, _buffer.data() + done, _buffer.size() - done);
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0) throw failure("writing " + _shown + ": " + std::strerror(errno));
-      done += static_cast<size_t>(n);
-    }
-    _buffer.clear();
-  }
-
-  std::string _target;
-  std::string _temporary;
-  std::string _shown;
-  std::string _buffer;
-  int _fd = -1;
-  uint64_t _bytes = 0;
-  bool _committed = false;
-};
-
-// One line on standard error, redrawn at most every PROGRESS_EVERY, when
-// standard error is a terminal.
-class progress {
- public:
-  progress() : _shown(::isatty(STDERR_FILENO) != 0) {}
-
-  void update(const std::string& text, bool force = false) {
-    if (!_shown) return;
-    const auto now = std::chrono::steady_clock::now();
-    if (!force && now - _last < PROGRESS_EVERY) return;
-    _last = now;
-    const double seconds = std::chrono::duration<double>(now - _began).count();
-    std::fprintf(stderr, "\r\033[K%s, %.1f s", text.c_str(), seconds);
-    std::fflush(stderr);
-  }
-  void finish(const std::string& text) {
-    update(text, true);
-    if (_shown) std::fputc('\n', stderr);
-  }
-
- private:
-  bool _shown;
-  std::chrono::steady_clock::time_point _began = std::chrono::steady_clock::now();
-  std::chrono::steady_clock::time_point _last{};
-};
-
-std::string error_text(const std::string& body) {
-  rapidjson::Document doc;
-  doc.Parse(body.c_str());
-  if (!doc.HasParseError() && doc.IsObject() && doc.HasMember("error") && doc["error"].IsString()) {
-    return doc["error"].GetString();
-  }
-  return body;
-}
-
 void from_daemon(const extract_options& o, const retrieval_request& r, output_file& out, progress& shown) {
   const daemon_client daemon = connect_daemon(o.listen, o.token_file, READ_TIMEOUT);
   httplib::Params params{{"start", std::to_string(r.start_ns)}, {"end", std::to_string(r.end_ns)}};
@@ -219,7 +92,7 @@ void from_daemon(const extract_options& o, const retrieval_request& r, output_fi
   int status = 0;
   std::string selected = "?";
   std::string refusal;
-  std::optional<failure> write_failure;
+  std::optional<std::string> write_failure;
   const httplib::Result result = daemon.client->Get(
       httplib::append_query_params("/v1/packets", params), daemon.headers,
       [&](const httplib::Response& res) {
@@ -234,20 +107,20 @@ void from_daemon(const extract_options& o, const retrieval_request& r, output_fi
         }
         try {
           out.write(data, size);
-        } catch (const failure& e) {
-          write_failure = e;
+        } catch (const std::runtime_error& e) {
+          write_failure = e.what();
           return false;
         }
         shown.update(human_bytes(out.bytes()) + " from " + selected + " captures");
         return true;
       });
-  if (write_failure) throw *write_failure;
+  if (write_failure) throw failure(*write_failure);
   if (!result) {
     throw failure("the retrieval from the daemon at " + o.listen + " did not complete: " +
                   (result.error() == httplib::Error::Connection ? std::string("cannot connect")
                                                                 : httplib::to_string(result.error())));
   }
-  if (status != 200) throw failure(error_text(refusal) + " (HTTP " + std::to_string(status) + ")");
+  if (status != 200) throw failure(refusal_text(refusal) + " (HTTP " + std::to_string(status) + ")");
   shown.finish(human_bytes(out.bytes()) + " from " + selected + " captures to " + out.shown());
 }
 
