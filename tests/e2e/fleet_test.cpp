@@ -2,10 +2,12 @@
 // running and age cleanups deleting: the central table equals each
 // sensor's catalogue once things settle, also after the database was down
 // while captures came and went; `faitra fleet ls` answers a window over
-// both sensors from the table alone.
+// both sensors from the table alone, and `faitra fleet extract` merges
+// what each sensor's own /v1/packets gives.
 #include "daemon_harness.hpp"
 #include "support/postgres_server.hpp"
 
+#include <faitra/host/capture_reader.hpp>
 #include <faitra/host/change_queue.hpp>
 #include <faitra/host/pg_connection.hpp>
 
@@ -239,6 +241,78 @@ TEST_F(FleetTest, FleetLsListsTheCapturesOverlappingAWindowAcrossSensors) {
   EXPECT_EQ(listed({"--start", "0", "--end", "9223372036854775807", "--sensor", "south"}),
             expected(0, ~0UL, "south"));
   EXPECT_EQ(expected(0, ~0UL, "").size(), all.size());
+}
+
+struct packet {
+  uint64_t ts;
+  std::string bytes;
+  bool operator==(const packet&) const = default;
+};
+
+std::vector<packet> packets_in(const std::string& file) {
+  std::vector<packet> out;
+  faitra_host::capture_cursor cursor(file);
+  faitra_host::packet_record p;
+  while (cursor.next(p)) out.push_back({p.ts_ns, std::string(reinterpret_cast<const char*>(p.data), p.caplen)});
+  EXPECT_EQ(cursor.status(), faitra_host::capture_status::end) << file << ": " << cursor.message();
+  return out;
+}
+
+TEST_F(FleetTest, FleetExtractMergesEachSensorsOwnPacketsAndSaysWhenOneIsMissing) {
+  start_writers();
+  ASSERT_TRUE(faitra_test::wait_until([&] { return each_catalogue_has(20); }, SETTLE));
+  stop_writers();
+  ASSERT_TRUE(faitra_test::wait_until([&] { return settled(); }, SETTLE));
+
+  // A window over the middle of what both sensors hold, cutting captures.
+  unsigned long first = ~0UL, last = 0;
+  for (sensor& s : _sensors) {
+    for (const auto& [path, text] : catalogue_of(*s.daemon)) {
+      std::istringstream fields(text);
+      std::string key, creation;
+      unsigned long start = 0, end = 0;
+      fields >> key >> creation >> start >> end;
+      first = std::min(first, start);
+      last = std::max(last, end);
+    }
+  }
+  const std::string start = std::to_string(first + (last - first) / 4);
+  const std::string end = std::to_string(last - (last - first) / 4);
+  const std::string query = "/v1/packets?start=" + start + "&end=" + end + "&filter=udp";
+
+  // What each sensor gives on its own, merged by time (north first on ties).
+  std::vector<std::pair<packet, size_t>> expected;
+  std::string sensors_file;
+  for (size_t i = 0; i < _sensors.size(); ++i) {
+    const faitra_e2e::reply r = _sensors[i].daemon->request("GET", query);
+    ASSERT_EQ(r.status, 200) << r.body;
+    faitra_e2e::write_text(_scratch.file(_sensors[i].name + ".pcap"), r.body);
+    const std::vector<packet> own = packets_in(_scratch.file(_sensors[i].name + ".pcap"));
+    ASSERT_FALSE(own.empty()) << _sensors[i].name;
+    for (const packet& p : own) expected.emplace_back(p, i);
+    sensors_file += _sensors[i].name + " http://" + _sensors[i].daemon->listen() + "\n";
+  }
+  std::stable_sort(expected.begin(), expected.end(),
+                   [](const auto& a, const auto& b) { return a.first.ts < b.first.ts; });
+  std::vector<packet> merged;
+  for (const auto& [p, i] : expected) merged.push_back(p);
+  faitra_e2e::write_text(_scratch.file("sensors"), sensors_file);
+
+  const auto extract = [&](const std::string& out) {
+    return faitra_e2e::run({"fleet", "extract", "--db", _pg.conninfo(), "--db-password-file", _pg.password_file(),
+                            "--start", start, "--end", end, "--filter", "udp", "--sensors", _scratch.file("sensors"),
+                            "-w", out});
+  };
+  const faitra_e2e::run_result whole = extract(_scratch.file("fleet.pcap"));
+  ASSERT_EQ(whole.status, 0) << whole.err;
+  EXPECT_EQ(packets_in(_scratch.file("fleet.pcap")), merged);
+
+  // One sensor gone: the other's packets, exit status 3, the missing one named.
+  _sensors[1].daemon->stop();
+  const faitra_e2e::run_result partial = extract(_scratch.file("partial.pcap"));
+  EXPECT_EQ(partial.status, 3) << partial.err;
+  EXPECT_NE(partial.err.find("south: did not answer"), std::string::npos) << partial.err;
+  EXPECT_EQ(packets_in(_scratch.file("partial.pcap")), packets_in(_scratch.file("north.pcap")));
 }
 
 TEST(ChangeQueueTest, OverflowsIntoOneResyncAndQueuesEachPathOnce) {

@@ -98,6 +98,7 @@ void register_fleet(CLI::App& app, int& exit_code) {
                "holds which captures, and the packets of a time window from all of them");
   fleet->require_subcommand(1);
   register_ls(*fleet, exit_code);
+  register_fleet_extract(*fleet, exit_code);
 }
 
 }  // namespace faitra_cli

@@ -1,25 +1,13 @@
 #include "fleet/fleet_options.hpp"
 
 #include <faitra/host/fleet_query.hpp>
+#include <faitra/host/time_text.hpp>
 
 #include <iostream>
 
 namespace faitra_cli {
 
 using namespace faitra_host;
-
-namespace {
-
-// A time: nanoseconds since the epoch.
-std::string parse_time(const std::string& text, uint64_t& out) {
-  if (text.empty() || text.size() > 19 || text.find_first_not_of("0123456789") != std::string::npos) {
-    return "not a time in nanoseconds since the epoch: " + text;
-  }
-  out = std::stoull(text);
-  return "";
-}
-
-}  // namespace
 
 void add_fleet_options(CLI::App* sub, fleet_options& o) {
   sub->add_option("--db", o.db,
@@ -33,15 +21,18 @@ void add_fleet_options(CLI::App* sub, fleet_options& o) {
     sub->add_option_function<std::string>(
            name,
            [&value, name](const std::string& text) {
-             const std::string error = parse_time(text, value);
-             if (!error.empty()) throw CLI::ValidationError(name, error);
+             std::string error;
+             const auto ns = parse_time_ns(text, wall_clock_ns(), error);
+             if (!ns) throw CLI::ValidationError(name, error);
+             value = *ns;
            },
            help)
         ->required()
         ->type_name("TIME");
   };
-  time_option("--start", o.start, "Start of the window (first packet time, ns since the epoch)");
-  time_option("--end", o.end, "End of the window, inclusive (ns since the epoch)");
+  time_option("--start", o.start,
+              "Start of the window: ns since the epoch, RFC 3339 (2026-11-23T10:02:00Z) or relative (-5m)");
+  time_option("--end", o.end, "End of the window, inclusive, in the same forms");
   sub->add_option("--sensor", o.sensors, "Only this sensor; repeat for several (default: every sensor)")
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);

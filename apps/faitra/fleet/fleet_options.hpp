@@ -35,5 +35,7 @@ std::unique_ptr<faitra_host::pg_connection> connect_fleet_db(const fleet_options
 // gives 1.
 int fleet_guarded(const std::function<int()>& body);
 
+void register_fleet_extract(CLI::App& fleet, int& exit_code);
+
 
 }  // namespace faitra_cli
