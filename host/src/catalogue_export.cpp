@@ -19,9 +19,8 @@ double seconds_between(clock::time_point from, clock::time_point to) {
 
 }  // namespace
 
-catalogue_export::catalogue_export(export_options options, std::shared_ptr<csl::fs_cache> cache,
-                                   cdl::task_listener_group& group, cdl::log* log)
-    : _options(std::move(options)), _cache(std::move(cache)), _log(log), _queue(_options.queue_capacity) {
+catalogue_export::catalogue_export(export_options options, cdl::task_listener_group& group, cdl::log* log)
+    : _options(std::move(options)), _log(log), _queue(_options.queue_capacity) {
   const std::string refused = pg_connection::check_conninfo(_options.conninfo);
   if (!refused.empty()) throw std::invalid_argument(refused);
   const std::string& name = _options.who.sensor;
@@ -37,6 +36,7 @@ catalogue_export::catalogue_export(export_options options, std::shared_ptr<csl::
   channel.register_task_handler(&catalogue_export::on_updated, this, last, csl::FS_EVENT_VERSION);
   channel.register_task_handler(&catalogue_export::on_deleted, this, last, csl::FS_EVENT_VERSION);
   channel.register_task_handler(&catalogue_export::on_reconciled, this, last, static_cast<unsigned long>(-1));
+  channel.register_task_handler(&catalogue_export::on_derived, this, last, static_cast<unsigned long>(-1));
 }
 
 catalogue_export::~catalogue_export() { stop(std::chrono::milliseconds(0)); }
@@ -51,8 +51,12 @@ void catalogue_export::on_reconciled(cdl::task_ptr<reconcile_task>& task) {
   for (const std::string& path : task->paths) _queue.note(path);
 }
 
+void catalogue_export::on_derived(cdl::task_ptr<derived_task>& task) { _queue.note(task->path); }
+
+void catalogue_export::attach(std::shared_ptr<csl::fs_cache> cache) { _cache = std::move(cache); }
+
 void catalogue_export::start() {
-  if (_thread.joinable() || stopping()) return;
+  if (_thread.joinable() || stopping() || !_cache) return;
   _thread = std::thread([this] { thread_body(); });
 }
 

@@ -172,6 +172,13 @@ capture_daemon::capture_daemon(daemon_options options)
     _tracker_workers =
         std::make_unique<cdl::worker_group>(*_core, cdl::worker_group_config{1, "Tracker Worker Group"});
     _tracker_listeners = std::make_unique<cdl::task_listener_group>(*_tracker_workers);
+    if (_options.export_to) {
+      // First, so that its handlers run after everyone else's (see
+      // catalogue_export.hpp).
+      export_options to = *_options.export_to;
+      to.who.root = _options.root;
+      _export = std::make_unique<catalogue_export>(std::move(to), *_tracker_listeners, _log.get());
+    }
 
     if (_options.derive_metadata) {
       // Before the scan, whose tasks for captures without attributes it takes.
@@ -183,6 +190,7 @@ capture_daemon::capture_daemon(daemon_options options)
         build_catalogue(*_tracker_listeners, _options.root, _options.watch, true, _filter, _tracker_log.get());
     _cache = std::move(built.cache);
     _tracker = std::move(built.tracker);
+    if (_export) _export->attach(_cache);
     if (_deriver) {
       _deriver->attach(_cache);
       _deriver->watch();
@@ -216,11 +224,6 @@ capture_daemon::capture_daemon(daemon_options options)
                                [deriver](const std::string& path) { deriver->submit(path); });
     }
     _holds = std::make_unique<hold_registry>(_options.hold_dir, *_options.watch.begin(), _cache, _log.get());
-    if (_options.export_to) {
-      export_options to = *_options.export_to;
-      to.who.root = _options.root;
-      _export = std::make_unique<catalogue_export>(std::move(to), _cache, *_tracker_listeners, _log.get());
-    }
     _runtime.start();
     _jobs = std::make_unique<job_runner>(_log.get());
     _reconciler->start();

@@ -2,11 +2,14 @@
 // table (catalogue_schema.hpp) in step with the catalogue.
 //
 // What it observes, through the library's public interface only: handlers
-// on the tracker's channel, run after the tracker's own (order `last`), for
-// created, updated and deleted captures and for the reconcile's repair
-// task (whose paths are every record the reconcile looked at). Each handler
-// only notes the path in a bounded change_queue; the export's own thread
-// looks the paths up in the catalogue and writes the rows.
+// on the tracker's channel for created, updated and deleted captures, for
+// the reconcile's repair task (whose paths are every record the reconcile
+// looked at) and for the metadata deriver's result task. They are ordered
+// `last` and registered before anyone else's `last` handlers (construct the
+// export first), so they run after every handler that may change the
+// record, the deriver's included. Each handler only notes the path in a
+// bounded change_queue; the export's own thread looks the paths up in the
+// catalogue and writes the rows.
 //
 // The thread: connects (and creates the tables if missing); then, on start
 // and after every reconnect, a full resync in one transaction
@@ -20,7 +23,7 @@
 //
 // Lifetime: the handlers are registered in the constructor, on a listener
 // group that must outlive every task it runs for this object: destroy (or
-// stop) the group before the export. stop() ends the thread after one last
+// stop) the group before the export. attach() the catalogue before start(). stop() ends the thread after one last
 // flush of the queued changes, bounded by `flush_for`.
 //
 // Thread-safety: status() may be called from any thread; the handlers run
@@ -30,6 +33,7 @@
 #include <faitra/host/catalogue_sync.hpp>
 #include <faitra/host/change_queue.hpp>
 #include <faitra/host/export_status.hpp>
+#include <faitra/host/metadata_deriver.hpp>
 #include <faitra/host/pg_connection.hpp>
 #include <faitra/host/reconcile.hpp>
 
@@ -64,12 +68,14 @@ struct export_options {
 
 class catalogue_export {
  public:
-  catalogue_export(export_options options, std::shared_ptr<csl::fs_cache> cache, cdl::task_listener_group& group,
-                   cdl::log* log);
+  // Raises std::invalid_argument for a connection string with a password
+  // or an unusable sensor name.
+  catalogue_export(export_options options, cdl::task_listener_group& group, cdl::log* log);
   ~catalogue_export();
   catalogue_export(const catalogue_export&) = delete;
   catalogue_export& operator=(const catalogue_export&) = delete;
 
+  void attach(std::shared_ptr<csl::fs_cache> cache);
   void start();
   void stop(std::chrono::milliseconds flush_for = std::chrono::seconds(5));
 
@@ -79,6 +85,7 @@ class catalogue_export {
   void on_updated(cdl::task_ptr<csl::fs_entry_updated>& task);
   void on_deleted(cdl::task_ptr<csl::fs_entry_deleted>& task);
   void on_reconciled(cdl::task_ptr<reconcile_task>& task);
+  void on_derived(cdl::task_ptr<derived_task>& task);
 
  private:
   void thread_body();

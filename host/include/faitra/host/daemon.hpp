@@ -3,13 +3,14 @@
 // background jobs).
 //
 // Construction order: the tracker's worker and listener groups; the
-// catalogue and the tracker, monitoring on (build_catalogue, which survives
-// captures with malformed attributes); the storage; the cleaner; the
-// reconcile; the hold registry (holds loaded from the hold directory); the
-// catalogue export, when asked for; the runtime's start callbacks (the
-// storage's delete thread); the job, reconcile and export threads; the
-// cleanup history's thread; the hard-limit guard, the retention by age and
-// the holds' upkeep (expiry, windows that take new captures).
+// catalogue export, when asked for (first on the channel, so that its
+// handlers run last); the catalogue and the tracker, monitoring on
+// (build_catalogue, which survives captures with malformed attributes); the
+// storage; the cleaner; the reconcile; the hold registry (holds loaded from
+// the hold directory); the runtime's start callbacks (the storage's delete
+// thread); the job, reconcile and export threads; the cleanup history's
+// thread; the hard-limit guard, the retention by age and the holds' upkeep
+// (expiry, windows that take new captures).
 //
 // shutdown() (also run by the destructor) goes the other way, in the order
 // the library requires: the cleanup history, the hard-limit guard, the
