@@ -40,8 +40,8 @@ overlap_selection select_overlapping(csl::fs_cache& cache, uint64_t start, uint6
     // ones early lets the two walks' cache misses overlap.
     const auto s_next = std::next(s);
     const auto e_next = std::next(e);
-    if (s_next != s_last) __builtin_prefetch(s_next->second.get());
-    if (e_next != e_last) __builtin_prefetch(e_next->second.get());
+    if (s_next != s_last) __builtin_prefetch(s_next->second);
+    if (e_next != e_last) __builtin_prefetch(e_next->second);
     const csl::fs_entry& a = *s->second;
     if (a.end_ts.is_null()) {
       ++out.without_times;

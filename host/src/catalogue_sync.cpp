@@ -144,7 +144,7 @@ std::vector<csl::fs_entry> catalogue_chunk(const csl::fs_cache& catalogue, const
   const auto& index = catalogue.path_cache();
   for (auto it = from_start ? index.begin() : index.upper_bound(std::string_view(after));
        it != index.end() && out.size() < CATALOGUE_CHUNK; ++it) {
-    out.push_back(*it->second);
+    out.push_back(**it);
   }
   return out;
 }

@@ -135,7 +135,7 @@ bool hard_limit_guard::enforce(unsigned long used, unsigned long total, unsigned
     for (const auto& [created, record] : cache.creation_ts_cache()) {
       if (planned >= excess) break;
       if (record->is_deletion_pending() || skipped.count(record->path) != 0) continue;
-      if (paths.find(std::string_view(record->path)) == paths.end()) continue;  // a leftover index entry
+      if (paths.lookup(record->path) != record) continue;  // a leftover index entry
       // Removed, but the tracker has not seen it yet (and the update that
       // brought its attributes may have reset its marker): nothing to free.
       if (gone(record->path)) continue;

@@ -62,7 +62,7 @@ std::vector<csl::fs_entry> hold_registry::overlapping(const time_window& window)
   for (auto it = by_end.lower_bound(window.start); it != by_end.end(); ++it) {
     const csl::fs_entry& record = *it->second;
     if (!overlaps(record, window)) continue;
-    if (paths.find(std::string_view(record.path)) == paths.end()) continue;  // a leftover index entry
+    if (paths.lookup(record.path) != &record) continue;  // a leftover index entry
     out.push_back(record);
   }
   return out;

@@ -20,7 +20,7 @@ void age_retention::check(uint64_t now_ns) {
     const auto& by_creation = _cache->creation_ts_cache();
     for (auto it = by_creation.begin(); it != by_creation.end() && it->first <= cutoff; ++it) {
       const csl::fs_entry& record = *it->second;
-      if (!record.is_deletion_pending() && paths.find(std::string_view(record.path)) != paths.end()) ++due;
+      if (!record.is_deletion_pending() && paths.lookup(record.path) == &record) ++due;
     }
   }
   if (due == 0) return;

@@ -130,6 +130,9 @@ class fs_path_index {
     return it == _by_path.end() ? nullptr : *it;
   }
   bool contains(std::string_view path) const { return _by_path.contains(path); }
+  // The first record after `path` in path order (for walks resumed from a
+  // path that may be gone by now).
+  const_iterator upper_bound(std::string_view path) const { return _ordered.upper_bound(probe(path)); }
 
  private:
   friend class fs_cache;

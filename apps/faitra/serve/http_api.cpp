@@ -149,9 +149,7 @@ std::optional<csl::fs_entry> find_record(csl::fs_cache& cache, const std::string
     }
     csl::fs_cache::shared_guard lock(cache);
     const auto found = cache.key_cache().find(std::string_view(form));
-    if (found != cache.key_cache().end() && cache.path_cache().count(std::string_view(found->second->path)) != 0) {
-      return *found->second;
-    }
+    if (found != cache.key_cache().end() && cache.path_cache().lookup((*found)->path) == *found) return **found;
   }
   return std::nullopt;
 }
