@@ -30,19 +30,6 @@ std::string refusal_text(const std::string& body) {
   return body;
 }
 
-std::string human_bytes(uint64_t bytes) {
-  const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
-  double value = static_cast<double>(bytes);
-  size_t unit = 0;
-  while (value >= 1024.0 && unit + 1 < std::size(units)) {
-    value /= 1024.0;
-    ++unit;
-  }
-  char text[32];
-  std::snprintf(text, sizeof text, unit == 0 ? "%.0f %s" : "%.1f %s", value, units[unit]);
-  return text;
-}
-
 output_file::output_file(const std::string& target) : _target(target) {
   if (target == "-") {
     if (::isatty(STDOUT_FILENO)) {

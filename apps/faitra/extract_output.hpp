@@ -10,6 +10,8 @@
 // Thread-safety: each object belongs to one thread.
 #pragma once
 
+#include "table.hpp"
+
 #include <chrono>
 #include <cstdint>
 #include <stdexcept>
@@ -20,9 +22,6 @@ namespace faitra_cli {
 // The message of a daemon's refusal ({"error": "..."}), or the body as it
 // is when it holds none.
 std::string refusal_text(const std::string& body);
-
-// 1536 -> "1.5 KiB".
-std::string human_bytes(uint64_t bytes);
 
 class output_file {
  public:

@@ -1,9 +1,23 @@
 #include "table.hpp"
 
 #include <algorithm>
+#include <cstdio>
 #include <iostream>
 
 namespace faitra_cli {
+
+std::string human_bytes(uint64_t bytes) {
+  const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB"};
+  double value = static_cast<double>(bytes);
+  size_t unit = 0;
+  while (value >= 1024.0 && unit + 1 < std::size(units)) {
+    value /= 1024.0;
+    ++unit;
+  }
+  char text[32];
+  std::snprintf(text, sizeof text, unit == 0 ? "%.0f %s" : "%.1f %s", value, units[unit]);
+  return text;
+}
 
 void print_table(const std::vector<std::string>& header, const std::vector<std::vector<std::string>>& rows) {
   std::vector<size_t> width(header.size());

@@ -115,17 +115,4 @@ std::string time_text_of(const rapidjson::Value& v, bool seconds) {
   return format_time_ns(seconds ? v.GetUint64() * NS_PER_SECOND : v.GetUint64());
 }
 
-std::string human_bytes(unsigned long bytes) {
-  const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB"};
-  double value = static_cast<double>(bytes);
-  size_t unit = 0;
-  while (value >= 1024.0 && unit + 1 < sizeof units / sizeof units[0]) {
-    value /= 1024.0;
-    ++unit;
-  }
-  char text[32];
-  std::snprintf(text, sizeof text, unit == 0 ? "%.0f %s" : "%.1f %s", value, units[unit]);
-  return text;
-}
-
 }  // namespace faitra_cli

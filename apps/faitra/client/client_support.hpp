@@ -63,6 +63,5 @@ unsigned long time_option(const std::string& option, const std::string& text, bo
 // A time field as RFC 3339 (ns, or seconds when `seconds`).
 std::string time_text_of(const rapidjson::Value& v, bool seconds = false);
 
-std::string human_bytes(unsigned long bytes);
 
 }  // namespace faitra_cli
