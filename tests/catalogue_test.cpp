@@ -15,6 +15,8 @@
 #include <algorithm>
 #include <functional>
 #include <map>
+#include <string>
+#include <vector>
 #include <thread>
 
 namespace {
@@ -38,11 +40,14 @@ std::string indexes(const fs_cache& cache) {
     out += "\n";
   }
   out += "key";
-  for (const auto& [k, e] : std::map(cache.key_cache().begin(), cache.key_cache().end())) {
-    out += " " + std::string(k) + ":" + e->path;
-  }
+  std::map<std::string, std::string> keys;  // the hash index walks in no order
+  for (const fs_entry* e : cache.key_cache()) keys.emplace(*e->key, e->path);
+  for (const auto& [k, p] : keys) out += " " + k + ":" + p;
   out += "\npath";
-  for (const auto& [p, e] : cache.path_cache()) out += " " + std::string(p) + (p == e->path ? "" : "(wrong)");
+  // In path order, and found again by its path.
+  for (const auto& e : cache.path_cache()) {
+    out += " " + e->path + (cache.path_cache().lookup(e->path) == e.get() ? "" : "(wrong)");
+  }
   return out;
 }
 
@@ -112,16 +117,14 @@ TEST(FsCache, IndexesFollowEveryOperationAndKeepTheirDeliberateLeftovers) {
   EXPECT_EQ(cache.first_creation_ts(), fs_cache::NO_CREATION_TS);
 }
 
-// Index nodes come from the catalogue's own arena and are recycled; a copy
-// of an index must not share that arena, or later churn would overwrite it.
-TEST(FsCache, ArenaChurnKeepsIndexesWholeAndCopiesIndependent) {
+// Churn through every removal path keeps the indexes whole; paths walk in
+// byte order whatever their order of insertion, around and beyond the prefix
+// the path order shares out; a copy of the path index keeps its records.
+TEST(FsCache, ChurnKeepsIndexesWholeInPathOrderAndCopiesIndependent) {
   fs_cache cache;
-  auto fill = [&](const std::string& dir) {
-    for (unsigned long i = 0; i < 3000; ++i) {
-      ASSERT_TRUE(cache.insert(shared(record(dir + std::to_string(i), dir + std::to_string(i), i % 17, i, i))));
-    }
-  };
-  fill("/z/");
+  for (unsigned long i = 0; i < 3000; ++i) {
+    ASSERT_TRUE(cache.insert(shared(record("/z/" + std::to_string(i), "/z/" + std::to_string(i), i % 17, i, i))));
+  }
   for (unsigned long i = 0; i < 3000; i += 2) ASSERT_TRUE(cache.delete_by_path(nullptr, "/z/" + std::to_string(i)));
   ASSERT_TRUE(cache.delete_by_time(nullptr, 1001, 1999));
   const fs_cache::path_index copy = [&] {
@@ -130,9 +133,42 @@ TEST(FsCache, ArenaChurnKeepsIndexesWholeAndCopiesIndependent) {
   }();
   ASSERT_EQ(copy.size(), cache.size());
   cache.clear();
-  fill("/w/");
+  std::vector<std::string> paths;
+  for (unsigned long i = 0; i < 3000; ++i) paths.push_back("/w/" + std::to_string(i * 7919 % 100003));
+  for (const char* odd : {"/", "/w", "/w/", "/w/1/deeper", "/wx", "/w/100031", "/w/1000310", "/w/10003\x01"}) {
+    paths.push_back(odd);
+  }
+  for (const std::string& path : paths) ASSERT_TRUE(cache.insert(shared(record(path, "n" + path, 1, 1, 1))));
   EXPECT_EQ(indexes(cache).find("(wrong)"), std::string::npos);
-  for (const auto& [path, e] : copy) ASSERT_TRUE(path == e->path && path.starts_with("/z/")) << path;
+  std::vector<std::string> walked;
+  for (const auto& e : cache.path_cache()) walked.push_back(e->path);
+  std::sort(paths.begin(), paths.end());
+  EXPECT_EQ(walked, paths);
+  for (const auto& e : copy) ASSERT_TRUE(copy.lookup(e->path) == e.get() && e->path.starts_with("/z/")) << e->path;
+}
+
+// Many records under one timestamp span several index nodes: removal walks
+// still find each one, and the survivors keep their insertion order.
+TEST(FsCache, OneTimestampAcrossManyRecordsKeepsInsertionOrder) {
+  fs_cache cache;
+  std::vector<std::string> expected;
+  for (int i = 0; i < 200; ++i) {
+    const std::string path = "/t/" + std::to_string(199 - i);  // paths fall while insertion goes on
+    ASSERT_TRUE(cache.insert(shared(record(path, "k" + std::to_string(i), 7, 5, 9))));
+    if (i % 3 != 0) expected.push_back(path);
+  }
+  for (int i = 0; i < 200; i += 3) ASSERT_TRUE(cache.delete_by_path(nullptr, "/t/" + std::to_string(199 - i)));
+  ASSERT_TRUE(cache.update(record(expected.front(), "k1", 7, 6, 9)));
+  ASSERT_TRUE(cache.update(record(expected.front(), "k1", 7, 5, 9)));  // back, now after its equals
+  std::rotate(expected.begin(), expected.begin() + 1, expected.end());
+  std::vector<std::string> by_start, by_creation;
+  {
+    fs_cache::shared_guard lock(cache);
+    for (const auto& [ts, e] : cache.start_ts_cache()) by_start.push_back(e->path);
+    for (const auto& [ts, e] : cache.creation_ts_cache()) by_creation.push_back(e->path);
+  }
+  EXPECT_EQ(by_start, expected);
+  EXPECT_EQ(by_creation, expected);
 }
 
 TEST(FsCache, ReadersSeeWholeRecordsWhileWritersChangeTheIndexes) {

@@ -183,23 +183,33 @@ struct run_result {
   std::string out, err;
 };
 
-// Runs `faitra <args>` to its end, its output and errors kept apart.
-inline run_result run(std::vector<std::string> args) {
-  faitra_test::temp_dir scratch("faitra-e2e-run");
+// Starts `faitra <args>`; its output and errors go to files in `scratch`,
+// read back by finish().
+inline pid_t spawn(std::vector<std::string> args, const std::string& scratch) {
   args.insert(args.begin(), FAITRA_BINARY);
   std::vector<char*> argv;
   for (std::string& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, scratch.file("out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  posix_spawn_file_actions_addopen(&actions, 2, scratch.file("err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  posix_spawn_file_actions_addopen(&actions, 1, (scratch + "/out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  posix_spawn_file_actions_addopen(&actions, 2, (scratch + "/err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
   pid_t pid = -1;
-  int status = 0;
   const bool spawned = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0;
   posix_spawn_file_actions_destroy(&actions);
-  const bool exited = spawned && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status);
-  return {exited ? WEXITSTATUS(status) : -1, read_text(scratch.file("out")), read_text(scratch.file("err"))};
+  return spawned ? pid : -1;
+}
+
+inline run_result finish(pid_t pid, const std::string& scratch) {
+  int status = 0;
+  const bool exited = pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status);
+  return {exited ? WEXITSTATUS(status) : -1, read_text(scratch + "/out"), read_text(scratch + "/err")};
+}
+
+// Runs `faitra <args>` to its end, its output and errors kept apart.
+inline run_result run(std::vector<std::string> args) {
+  faitra_test::temp_dir scratch("faitra-e2e-run");
+  return finish(spawn(std::move(args), scratch.path()), scratch.path());
 }
 
 // `faitra scan DIR` in the form of daemon_process::catalogue().

@@ -75,8 +75,8 @@ TEST(DaemonHttp, RequestsAreReadAsHttpSaysAndTheTokenReloadsOnSighup) {
   faitra_e2e::write_text(token_file, "n3w\n", 0600);
   ASSERT_EQ(::kill(d.pid(), SIGHUP), 0);
   ASSERT_TRUE(d.wait_log("Received SIGHUP; reloaded the token from " + token_file));
-  EXPECT_EQ(d.request("GET", "/v1/status", "", bearer("s3cret")).status, 401);
-  EXPECT_EQ(d.request("GET", "/v1/status", "", bearer("n3w")).status, 200);
+  EXPECT_EQ(d.request("GET", "/v1/status", "", faitra_e2e::bearer("s3cret")).status, 401);
+  EXPECT_EQ(d.request("GET", "/v1/status", "", faitra_e2e::bearer("n3w")).status, 200);
   EXPECT_EQ(d.stop(), 0);
 }
 

@@ -11,6 +11,12 @@
 
 namespace {
 
+// A client subcommand: its exit status and standard output.
+std::pair<int, std::string> run_client(const std::vector<std::string>& args) {
+  faitra_e2e::run_result r = faitra_e2e::run(args);
+  return {r.status, std::move(r.out)};
+}
+
 using faitra_e2e::daemon_process;
 using faitra_test::write_capture;
 
@@ -134,11 +140,11 @@ TEST(RetentionTest, HoldsByWindowOrPathExpireAndAreManagedFromTheCommandLine) {
   auto d = std::make_unique<daemon_process>(std::vector<std::string>{"--root", fs.path(), "--no-auto-cleanup"});
   ASSERT_TRUE(d->wait_ready());
   // Packets of capture n span [n s, n.5 s]: [1.6 s, 2.2 s] overlaps capture 2 and the odd one.
-  auto [code, out] = faitra_e2e::run_client(
+  auto [code, out] = run_client(
       {"hold", "add", "--listen", d->listen(), "--start", "1600000000", "--end", "2200000000", "--reason", "window"});
   EXPECT_EQ(code, 0);
   EXPECT_NE(out.find("hold 1: 2 capture(s)"), std::string::npos) << out;
-  std::tie(code, out) = faitra_e2e::run_client({"hold", "ls", "--listen", d->listen(), "1"});
+  std::tie(code, out) = run_client({"hold", "ls", "--listen", d->listen(), "1"});
   EXPECT_NE(out.find(fs.file(name(2))), std::string::npos) << out;
   EXPECT_NE(out.find(fs.file(odd)), std::string::npos) << out;
   const auto bad = faitra_e2e::run({"hold", "add", "--listen", d->listen(), fs.file("none.pcap"), "--reason", "x"});
@@ -154,13 +160,13 @@ TEST(RetentionTest, HoldsByWindowOrPathExpireAndAreManagedFromTheCommandLine) {
   EXPECT_TRUE(faitra_e2e::exists(fs.file(".faitra-holds/1/" + odd)));
 
   // Expired holds are released, and never listed.
-  std::tie(code, out) = faitra_e2e::run_client(
+  std::tie(code, out) = run_client(
       {"hold", "add", "--listen", d->listen(), fs.file(name(3)), "--reason", "brief", "--expires", "+2s"});
   EXPECT_EQ(code, 0) << out;
   EXPECT_TRUE(faitra_test::wait_until(
       [&] { return d->request("GET", "/v1/holds").json["holds"].Size() == 1; }, std::chrono::seconds(30)));
   EXPECT_FALSE(faitra_e2e::exists(fs.file(".faitra-holds/2/" + name(3))));
-  EXPECT_EQ(faitra_e2e::run_client({"hold", "rm", "--listen", d->listen(), "1"}).first, 0);
+  EXPECT_EQ(run_client({"hold", "rm", "--listen", d->listen(), "1"}).first, 0);
   EXPECT_FALSE(faitra_e2e::exists(fs.file(".faitra-holds/1/" + odd)));
   EXPECT_TRUE(faitra_e2e::exists(fs.file(odd)));
   EXPECT_EQ(d->stop(), 0);

@@ -8,7 +8,7 @@
 // are not installed or the server cannot start; callers GTEST_SKIP then.
 #pragma once
 
-#include "support/temp_dir.hpp"
+#include "support/files.hpp"
 
 #include <string>
 #include <vector>
