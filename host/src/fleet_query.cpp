@@ -41,8 +41,10 @@ overlap_statement overlapping_statement(pg_connection& db, uint64_t start, uint6
   out.params = {bigint_text(start), bigint_text(end)};
   for (int r = 0; r < bounds.rows(); ++r) {
     const uint64_t longest = static_cast<uint64_t>(std::max(0LL, bounds.number(r, 1)));
-    const std::string sensor = "$" + std::to_string(out.params.size() + 1);
-    const std::string lowest = "$" + std::to_string(out.params.size() + 2);
+    // Appended, not "$" + text: GCC 12's -Wrestrict misfires on that at -O3.
+    std::string sensor = "$", lowest = "$";
+    sensor += std::to_string(out.params.size() + 1);
+    lowest += std::to_string(out.params.size() + 2);
     out.params.push_back(bounds.text(r, 0));
     out.params.push_back(bigint_text(start - std::min(longest, start)));
     if (!out.sql.empty()) out.sql += "UNION ALL\n";
