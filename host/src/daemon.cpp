@@ -31,19 +31,11 @@ long steady_seconds() {
       .count();
 }
 
-// Absolute, without "." and "..", without a trailing slash; symbolic links
-// are kept as they are (the catalogue names files by these paths).
-std::string normal_dir(const std::string& dir) {
-  std::string out = std::filesystem::absolute(dir).lexically_normal().string();
-  while (out.size() > 1 && out.back() == '/') out.pop_back();
-  return out;
-}
-
 daemon_options normalise(daemon_options o) {
   if (o.root.empty()) throw std::invalid_argument("--root is required");
-  o.root = normal_dir(o.root);
+  o.root = normal_directory(o.root);
   std::set<std::string> watch;
-  for (const std::string& w : o.watch) watch.insert(normal_dir(w));
+  for (const std::string& w : o.watch) watch.insert(normal_directory(w));
   if (watch.empty()) watch.insert(o.root);
   for (const std::string& w : watch) {
     if (w != o.root && w.compare(0, o.root.size() + 1, o.root + "/") != 0 && o.root != "/") {
@@ -87,7 +79,7 @@ daemon_options normalise(daemon_options o) {
                                   "cannot keep is above the usage at which it starts");
     }
   }
-  o.hold_dir = normal_dir(o.hold_dir.empty() ? o.root + "/.faitra-holds" : o.hold_dir);
+  o.hold_dir = normal_directory(o.hold_dir.empty() ? o.root + "/.faitra-holds" : o.hold_dir);
   if (o.watch.count(o.hold_dir) != 0) {
     throw std::invalid_argument("the hold directory " + o.hold_dir + " must not be a watched directory");
   }
@@ -95,10 +87,17 @@ daemon_options normalise(daemon_options o) {
 }
 
 std::unique_ptr<cdl::log> make_log(const daemon_options& o, cdl::log_type::value type, const std::string& name) {
-  return std::make_unique<cdl::log>(type, cdl::log_facility::local0, name, o.log_level, o.log_stdout);
+  const std::string named = o.log_label.empty() ? name : name + " " + o.log_label;
+  return std::make_unique<cdl::log>(type, cdl::log_facility::local0, named, o.log_level, o.log_stdout);
 }
 
 }  // namespace
+
+std::string normal_directory(const std::string& dir) {
+  std::string out = std::filesystem::absolute(dir).lexically_normal().string();
+  while (out.size() > 1 && out.back() == '/') out.pop_back();
+  return out;
+}
 
 const char* faitra_version() { return FAITRA_VERSION; }
 

@@ -1,6 +1,8 @@
 #include <faitra/host/metrics.hpp>
 
 #include <cstdio>
+#include <initializer_list>
+#include <utility>
 
 namespace faitra_host {
 
@@ -18,29 +20,68 @@ void family(std::string& out, const char* name, const char* type, const char* he
   out += '\n';
 }
 
-void sample_line(std::string& out, const char* name, const char* labels, unsigned long value) {
-  out += name;
-  out += labels;
-  out += ' ';
-  out += std::to_string(value);
-  out += '\n';
+// Prometheus label value escaping: backslash, double quote and line feed.
+std::string label_value(const std::string& text) {
+  std::string out;
+  for (const char c : text) {
+    if (c == '\\' || c == '"') out += '\\';
+    out += c == '\n' ? std::string("\\n") : std::string(1, c);
+  }
+  return out;
 }
 
-void single(std::string& out, const char* name, const char* type, const char* help, unsigned long value) {
-  family(out, name, type, help);
-  sample_line(out, name, "", value);
+// `extra` (reason="x", or empty) with the root's label when there are
+// several roots, in braces; empty without labels.
+std::string labels(const std::string& root, const std::string& extra) {
+  const std::string inside =
+      root.empty() ? extra : "root=\"" + label_value(root) + "\"" + (extra.empty() ? "" : "," + extra);
+  return inside.empty() ? "" : "{" + inside + "}";
 }
 
-// Nanoseconds as seconds with their fraction; absent values give no sample,
-// so that an empty catalogue does not report the epoch.
-void seconds_gauge(std::string& out, const char* name, const char* help, std::optional<unsigned long> ns) {
-  family(out, name, "gauge", help);
-  if (!ns) return;
-  char text[48];
-  std::snprintf(text, sizeof text, " %lu.%09lu\n", *ns / 1000000000UL, *ns % 1000000000UL);
-  out += name;
-  out += text;
-}
+// Writes each family once, with one sample per root.
+class exposition {
+ public:
+  explicit exposition(const std::vector<root_sample>& samples) : _samples(samples) {}
+
+  void single(const char* name, const char* type, const char* help, unsigned long metrics_sample::*field) {
+    family(_out, name, type, help);
+    for (const root_sample& r : _samples) line(name, root_of(r), "", r.sample.*field);
+  }
+  // A family with one series per label value.
+  void split(const char* name, const char* type, const char* help,
+             std::initializer_list<std::pair<const char*, unsigned long metrics_sample::*>> series) {
+    family(_out, name, type, help);
+    for (const root_sample& r : _samples) {
+      for (const auto& [label, field] : series) line(name, root_of(r), label, r.sample.*field);
+    }
+  }
+  void flag(const char* name, const char* help, bool metrics_sample::*field) {
+    family(_out, name, "gauge", help);
+    for (const root_sample& r : _samples) line(name, root_of(r), "", r.sample.*field ? 1 : 0);
+  }
+  // Nanoseconds as seconds with their fraction; absent values give no
+  // sample, so that an empty catalogue does not report the epoch.
+  void seconds(const char* name, const char* help, std::optional<unsigned long> metrics_sample::*field) {
+    family(_out, name, "gauge", help);
+    for (const root_sample& r : _samples) {
+      const std::optional<unsigned long> ns = r.sample.*field;
+      if (!ns) continue;
+      char text[48];
+      std::snprintf(text, sizeof text, " %lu.%09lu\n", *ns / 1000000000UL, *ns % 1000000000UL);
+      _out += name + labels(root_of(r), "") + text;
+    }
+  }
+  std::string& out() { return _out; }
+
+ private:
+  std::string root_of(const root_sample& r) const { return _samples.size() > 1 ? r.root : std::string(); }
+  void line(const char* name, const std::string& root, const std::string& extra, unsigned long value) {
+    _out += name + labels(root, extra) + ' ' + std::to_string(value) + '\n';
+  }
+
+  const std::vector<root_sample>& _samples;
+  std::string _out;
+};
 
 void gauge_line(std::string& out, const char* name, const char* type, const char* help, const std::string& labels,
                 double value) {
@@ -92,58 +133,60 @@ void copy_counters(const daemon_counters& c, metrics_sample& s) {
   s.queue_overflows = c.queue_overflows.load();
 }
 
-std::string render_metrics(const metrics_sample& s) {
-  std::string out;
-  single(out, "faitra_captures", "gauge", "Captures in the catalogue.", s.captures);
-  single(out, "faitra_disk_used_bytes", "gauge", "Bytes in use on the capture file system.", s.disk_used);
-  single(out, "faitra_disk_total_bytes", "gauge", "Size of the capture file system in bytes.", s.disk_total);
-  single(out, "faitra_cleanup_in_progress", "gauge", "1 while an automatic cleanup run is removing captures.",
-         s.cleanup_in_progress ? 1 : 0);
-  single(out, "faitra_cleanup_runs_total", "counter", "Automatic cleanup runs completed.", s.cleanup_runs);
-  family(out, "faitra_captures_deleted_total", "counter",
-         "Captures whose removal the catalogue saw, by who marked them (request, cleanup) or none (external).");
-  sample_line(out, "faitra_captures_deleted_total", "{reason=\"request\"}", s.deleted_requested);
-  sample_line(out, "faitra_captures_deleted_total", "{reason=\"cleanup\"}", s.deleted_cleanup);
-  sample_line(out, "faitra_captures_deleted_total", "{reason=\"external\"}", s.removed_externally);
-  single(out, "faitra_delete_queue", "gauge", "Captures marked on request and waiting for the delete thread.",
-         s.delete_queue);
-  single(out, "faitra_metadata_cleanup_failures_total", "counter",
-         "Metadata cleanup commands that failed.", s.metadata_cleanup_failures);
-  single(out, "faitra_reconcile_runs_total", "counter", "Reconcile runs completed.", s.reconcile_runs);
-  family(out, "faitra_drift_repaired_total", "counter",
-         "Catalogue differences from the disk repaired by the reconcile, by kind.");
-  sample_line(out, "faitra_drift_repaired_total", "{kind=\"added\"}", s.drift_added);
-  sample_line(out, "faitra_drift_repaired_total", "{kind=\"removed\"}", s.drift_removed);
-  sample_line(out, "faitra_drift_repaired_total", "{kind=\"updated\"}", s.drift_updated);
-  single(out, "faitra_derived_total", "counter", "Captures whose metadata was derived from their packets.", s.derived);
-  single(out, "faitra_derive_read_bytes_total", "counter", "Bytes read to derive capture metadata.",
-         s.derive_bytes_read);
-  single(out, "faitra_derive_failures_total", "counter",
-         "Captures whose metadata could not be derived (not a capture, unreadable, no timed packet).",
-         s.derive_failures);
-  single(out, "faitra_derive_queue", "gauge", "Captures waiting for their metadata to be derived.", s.derive_queue);
-  single(out, "faitra_inotify_overflows_total", "counter",
-         "Times the kernel's inotify queue overflowed and file events were lost; each starts a reconcile.",
-         s.queue_overflows);
-  single(out, "faitra_hard_limit_episodes_total", "counter",
-         "Times usage reached the hard limit and captures were deleted at once.", s.hard_limit_episodes);
-  single(out, "faitra_hard_limit_deleted_total", "counter", "Captures the hard limit deleted.",
-         s.hard_limit_deleted);
-  single(out, "faitra_max_age_runs_total", "counter", "Age cleanups started by --max-age.", s.max_age_runs);
-  single(out, "faitra_max_age_deleted_total", "counter", "Captures those age cleanups concerned.",
-         s.max_age_deleted);
-  single(out, "faitra_holds", "gauge", "Evidence holds in force.", s.holds);
-  single(out, "faitra_held_captures", "gauge", "Captures kept by evidence holds.", s.held_captures);
-  single(out, "faitra_held_bytes", "gauge", "Bytes of the distinct files kept by evidence holds.", s.held_bytes);
-  single(out, "faitra_scan_problems", "gauge", "Files skipped by the start-up scan.", s.scan_problems);
-  single(out, "faitra_handler_failures_total", "counter", "Exceptions that escaped a task handler.",
-         s.handler_failures);
-  seconds_gauge(out, "faitra_retention_oldest_start_seconds",
-                "First-packet time of the oldest capture on disk, seconds since the epoch.", s.oldest_start);
-  seconds_gauge(out, "faitra_retention_newest_start_seconds",
-                "First-packet time of the newest capture on disk, seconds since the epoch.", s.newest_start);
-  if (s.catalogue_export) render_export(out, *s.catalogue_export);
-  return out;
+std::string render_metrics(const metrics_sample& sample) { return render_metrics({root_sample{"", sample}}); }
+
+std::string render_metrics(const std::vector<root_sample>& samples) {
+  using m = metrics_sample;
+  exposition e(samples);
+  e.single("faitra_captures", "gauge", "Captures in the catalogue.", &m::captures);
+  e.single("faitra_disk_used_bytes", "gauge", "Bytes in use on the capture file system.", &m::disk_used);
+  e.single("faitra_disk_total_bytes", "gauge", "Size of the capture file system in bytes.", &m::disk_total);
+  e.flag("faitra_cleanup_in_progress", "1 while an automatic cleanup run is removing captures.",
+         &m::cleanup_in_progress);
+  e.single("faitra_cleanup_runs_total", "counter", "Automatic cleanup runs completed.", &m::cleanup_runs);
+  e.split("faitra_captures_deleted_total", "counter",
+          "Captures whose removal the catalogue saw, by who marked them (request, cleanup) or none (external).",
+          {{"reason=\"request\"", &m::deleted_requested},
+           {"reason=\"cleanup\"", &m::deleted_cleanup},
+           {"reason=\"external\"", &m::removed_externally}});
+  e.single("faitra_delete_queue", "gauge", "Captures marked on request and waiting for the delete thread.",
+           &m::delete_queue);
+  e.single("faitra_metadata_cleanup_failures_total", "counter", "Metadata cleanup commands that failed.",
+           &m::metadata_cleanup_failures);
+  e.single("faitra_reconcile_runs_total", "counter", "Reconcile runs completed.", &m::reconcile_runs);
+  e.split("faitra_drift_repaired_total", "counter",
+          "Catalogue differences from the disk repaired by the reconcile, by kind.",
+          {{"kind=\"added\"", &m::drift_added}, {"kind=\"removed\"", &m::drift_removed},
+           {"kind=\"updated\"", &m::drift_updated}});
+  e.single("faitra_derived_total", "counter", "Captures whose metadata was derived from their packets.", &m::derived);
+  e.single("faitra_derive_read_bytes_total", "counter", "Bytes read to derive capture metadata.",
+           &m::derive_bytes_read);
+  e.single("faitra_derive_failures_total", "counter",
+           "Captures whose metadata could not be derived (not a capture, unreadable, no timed packet).",
+           &m::derive_failures);
+  e.single("faitra_derive_queue", "gauge", "Captures waiting for their metadata to be derived.", &m::derive_queue);
+  e.single("faitra_inotify_overflows_total", "counter",
+           "Times the kernel's inotify queue overflowed and file events were lost; each starts a reconcile.",
+           &m::queue_overflows);
+  e.single("faitra_hard_limit_episodes_total", "counter",
+           "Times usage reached the hard limit and captures were deleted at once.", &m::hard_limit_episodes);
+  e.single("faitra_hard_limit_deleted_total", "counter", "Captures the hard limit deleted.", &m::hard_limit_deleted);
+  e.single("faitra_max_age_runs_total", "counter", "Age cleanups started by --max-age.", &m::max_age_runs);
+  e.single("faitra_max_age_deleted_total", "counter", "Captures those age cleanups concerned.", &m::max_age_deleted);
+  e.single("faitra_holds", "gauge", "Evidence holds in force.", &m::holds);
+  e.single("faitra_held_captures", "gauge", "Captures kept by evidence holds.", &m::held_captures);
+  e.single("faitra_held_bytes", "gauge", "Bytes of the distinct files kept by evidence holds.", &m::held_bytes);
+  e.single("faitra_scan_problems", "gauge", "Files skipped by the start-up scan.", &m::scan_problems);
+  e.single("faitra_handler_failures_total", "counter", "Exceptions that escaped a task handler.",
+           &m::handler_failures);
+  e.seconds("faitra_retention_oldest_start_seconds",
+            "First-packet time of the oldest capture on disk, seconds since the epoch.", &m::oldest_start);
+  e.seconds("faitra_retention_newest_start_seconds",
+            "First-packet time of the newest capture on disk, seconds since the epoch.", &m::newest_start);
+  if (!samples.empty() && samples.front().sample.catalogue_export) {
+    render_export(e.out(), *samples.front().sample.catalogue_export);
+  }
+  return e.out();
 }
 
 }  // namespace faitra_host

@@ -1,5 +1,7 @@
 #include <faitra/host/packet_retrieval.hpp>
 
+#include <algorithm>
+
 #include <faitra/host/capture_overlap.hpp>
 
 namespace faitra_host {
@@ -85,21 +87,35 @@ bool packet_retrieval::produce(std::string& out, size_t chunk, std::chrono::mill
 }
 
 std::unique_ptr<packet_retrieval> retrieve_from_catalogue(csl::fs_cache& cache, const retrieval_request& request) {
-  overlap_selection selection = select_overlapping(cache, request.start_ns, request.end_ns);
+  return retrieve_from_catalogues({&cache}, request);
+}
+
+std::unique_ptr<packet_retrieval> retrieve_from_catalogues(const std::vector<csl::fs_cache*>& caches,
+                                                           const retrieval_request& request) {
   std::vector<merge_input> inputs;
-  inputs.reserve(selection.captures.size());
   uint64_t pending = 0;
-  for (csl::fs_entry& record : selection.captures) {
-    if (record.is_deletion_pending()) {
-      ++pending;
-      continue;
+  uint64_t without_times = 0;
+  for (csl::fs_cache* cache : caches) {
+    overlap_selection selection = select_overlapping(*cache, request.start_ns, request.end_ns);
+    without_times += selection.without_times;
+    for (csl::fs_entry& record : selection.captures) {
+      if (record.is_deletion_pending()) {
+        ++pending;
+        continue;
+      }
+      inputs.push_back({std::move(record.path), *record.start_ts});
     }
-    inputs.push_back({std::move(record.path), *record.start_ts});
+  }
+  // Each catalogue's captures come in first-packet order; the merge needs
+  // that order across them too (a stable sort keeps one catalogue's ties).
+  if (caches.size() > 1) {
+    std::stable_sort(inputs.begin(), inputs.end(),
+                     [](const merge_input& a, const merge_input& b) { return a.start_ns < b.start_ns; });
   }
   const uint64_t selected = inputs.size();
   auto retrieval = std::make_unique<packet_retrieval>(std::move(inputs), request);
   retrieval->counts().captures_selected = selected;
-  retrieval->counts().captures_skipped = selection.without_times;
+  retrieval->counts().captures_skipped = without_times;
   retrieval->counts().captures_pending = pending;
   return retrieval;
 }

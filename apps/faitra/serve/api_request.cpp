@@ -37,7 +37,7 @@ httplib::Params checked_params(const std::string& target, const std::set<std::st
     if (name.find('\0') != std::string::npos || value.find('\0') != std::string::npos) {
       throw api_error(400, "a parameter holds a NUL byte");
     }
-    if (allowed.count(name) == 0) throw api_error(400, "unknown parameter: " + name);
+    if (allowed.count(name) == 0 && name != ROOT_PARAM) throw api_error(400, "unknown parameter: " + name);
     if (params.count(name) > 1) throw api_error(400, "parameter given more than once: " + name);
   }
   return params;
@@ -375,5 +375,14 @@ unsigned long parse_hold_release_request(const std::string& target) {
 }
 
 void parse_plain_request(const std::string& target) { checked_params(target, {}); }
+
+std::optional<std::string> parse_root_param(const std::string& target) {
+  const httplib::Params params = query_params(target);
+  if (params.count(ROOT_PARAM) > 1) throw api_error(400, std::string("parameter given more than once: ") + ROOT_PARAM);
+  const auto root = param(params, ROOT_PARAM);
+  if (root && root->empty()) throw api_error(400, "root is empty");
+  if (root && root->find('\0') != std::string::npos) throw api_error(400, "a parameter holds a NUL byte");
+  return root;
+}
 
 }  // namespace faitra_cli

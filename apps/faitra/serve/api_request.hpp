@@ -154,4 +154,13 @@ unsigned long parse_hold_release_request(const std::string& target);
 // Requests that take no parameters (status, storage, metrics, the holds' list).
 void parse_plain_request(const std::string& target);
 
+// The query parameter that names one capture root (its directory). Every
+// request accepts it (the parsers above let it through); the API uses it
+// to choose the root or roots that answer.
+inline constexpr const char* ROOT_PARAM = "root";
+
+// The root named by the request, if any. Raises api_error 400 when it is
+// empty, given twice or holds a NUL byte; other parameters are not checked.
+std::optional<std::string> parse_root_param(const std::string& target);
+
 }  // namespace faitra_cli

@@ -106,10 +106,42 @@ void add_key(std::vector<std::string>& out, const std::string& file, const std::
   out.insert(out.end(), {flag, text});
 }
 
-}  // namespace
+// The `[[root]]` tables under the key `root`, each checked: a path, and
+// per-root options only, with values of the right type.
+std::vector<root_table> root_tables(const toml::array& tables, const std::string& file, const CLI::App& serve) {
+  std::vector<root_table> out;
+  for (const toml::node& node : tables) {
+    const toml::table& table = *node.as_table();
+    root_table root;
+    root.place = file + ":" + std::to_string(node.source().begin.line);
+    const auto* path = table.get_as<std::string>("path");
+    if (path == nullptr || path->get().empty()) {
+      throw config_error(root.place + ": a [[root]] table needs its directory as a string: path = \"DIR\"");
+    }
+    root.path = path->get();
+    for (const auto& [key, value] : table) {
+      const std::string name(key.str());
+      if (name == "path") continue;
+      const CLI::Option* opt = option_for(serve, name);
+      if (opt == nullptr || root_option_names().count(opt->get_lnames().front()) == 0) {
+        std::string names;
+        for (const std::string& n : root_option_names()) names += ", " + n;
+        throw config_error(where(file, value.source(), name) + ": not a key of a [[root]] table; those are path" +
+                           names);
+      }
+      config_sources unused;
+      add_key(root.args, file, name, value, serve, unused);
+    }
+    std::ostringstream text;
+    text << table;
+    root.toml = text.str();
+    out.push_back(std::move(root));
+  }
+  return out;
+}
 
-std::vector<std::string> config_arguments(const std::string& text, const std::string& file, const CLI::App& serve,
-                                          const std::set<std::string>& given, config_sources& sources) {
+// The file's text as a TOML table; raises config_error.
+toml::table parse_file(const std::string& text, const std::string& file) {
   // toml++ 3.3.0 reaches undefined behaviour on some characters outside
   // ASCII (its Unicode white-space test has unhandled ranges), so the file
   // is kept to ASCII; TOML writes any other character in a string as \uXXXX.
@@ -119,18 +151,39 @@ std::vector<std::string> config_arguments(const std::string& text, const std::st
     throw config_error(file + ":" + std::to_string(line) +
                        ": a character outside ASCII; write it as \\uXXXX inside a string");
   }
-  toml::table table;
   try {
-    table = toml::parse(text, file);
+    return toml::parse(text, file);
   } catch (const toml::parse_error& e) {
     const auto& at = e.source().begin;
     throw config_error(file + ":" + std::to_string(at.line) + ":" + std::to_string(at.column) + ": " +
                        std::string(e.description()));
   }
+}
+
+std::string read_file(const std::string& file) {
+  std::ifstream in(file, std::ios::binary);
+  if (!in.is_open()) throw config_error(file + ": cannot be read: " + std::strerror(errno));
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+}  // namespace
+
+std::vector<std::string> config_arguments(const std::string& text, const std::string& file, const CLI::App& serve,
+                                          const std::set<std::string>& given, config_sources& sources) {
+  const toml::table table = parse_file(text, file);
   std::vector<std::string> out;
   std::map<std::string, std::string> keys;  // long name -> the key that set it
   for (const auto& [key, value] : table) {
     const std::string name(key.str());
+    if (name == "root" && value.is_array_of_tables()) {
+      const std::vector<root_table> roots = root_tables(*value.as_array(), file, serve);
+      if (given.count("root") != 0) continue;
+      for (const root_table& r : roots) out.insert(out.end(), {"--root", r.path});
+      sources["root"] = where(file, value.source(), name);
+      continue;
+    }
     const CLI::Option* opt = option_for(serve, name);
     if (opt != nullptr && !keys.emplace(opt->get_lnames().front(), name).second) {
       throw config_error(where(file, value.source(), name) + ": sets the same option as key '" +
@@ -158,12 +211,8 @@ std::vector<std::string> with_config_file(const std::vector<std::string>& args, 
     if (args[i].rfind("--config=", 0) == 0) file = args[i].substr(9);
   }
   if (file.empty()) return args;
-  std::ifstream in(file, std::ios::binary);
-  if (!in.is_open()) throw config_error(file + ": cannot be read: " + std::strerror(errno));
-  std::ostringstream text;
-  text << in.rdbuf();
   const std::vector<std::string> from_file =
-      config_arguments(text.str(), file, serve, given_options(args, first), sources);
+      config_arguments(read_file(file), file, serve, given_options(args, first), sources);
   std::vector<std::string> out(args.begin(), args.begin() + static_cast<long>(first));
   out.insert(out.end(), from_file.begin(), from_file.end());
   out.insert(out.end(), args.begin() + static_cast<long>(first), args.end());
@@ -187,10 +236,20 @@ std::string toml_value(const std::string& text, const CLI::Option& opt) {
 
 }  // namespace
 
-std::string effective_config(const CLI::App& serve) {
+std::vector<root_table> read_root_tables(const std::string& file, const CLI::App& serve) {
+  if (file.empty()) return {};
+  const toml::table table = parse_file(read_file(file), file);
+  const toml::node* roots = table.get("root");
+  if (roots == nullptr || !roots->is_array_of_tables()) return {};
+  return root_tables(*roots->as_array(), file, serve);
+}
+
+std::string effective_config(const CLI::App& serve, const std::vector<root_table>& tables) {
   std::string out;
   for (const CLI::Option* opt : serve.get_options()) {
     if (opt->get_lnames().empty() || NOT_IN_FILE.count(opt->get_lnames().front()) != 0) continue;
+    const bool root = opt->get_lnames().front() == "root";
+    if (root && !tables.empty()) continue;  // written as the tables, below
     std::string value;
     if (is_flag(*opt)) {
       value = opt->count() > 0 ? "true" : "false";
@@ -199,7 +258,7 @@ std::string effective_config(const CLI::App& serve) {
     } else {
       const std::vector<std::string> results =
           opt->count() > 0 ? opt->results() : std::vector<std::string>{opt->get_default_str()};
-      if (is_list(*opt)) {
+      if (is_list(*opt) && !(root && results.size() == 1)) {
         value = "[";
         for (const std::string& r : results) value += (value.size() > 1 ? ", " : "") + toml_value(r, *opt);
         value += "]";
@@ -209,6 +268,7 @@ std::string effective_config(const CLI::App& serve) {
     }
     out += opt->get_lnames().front() + " = " + value + "\n";
   }
+  for (const root_table& t : tables) out += "\n[[root]]\n" + t.toml + "\n";
   return out;
 }
 

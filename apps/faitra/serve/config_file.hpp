@@ -14,12 +14,23 @@
 // it checks the command line's; its errors about an option that came from
 // the file are given the file, line and key (explain_error).
 //
+// Capture roots: `root = "DIR"` (or an array of directories) gives roots
+// that take the top-level options; `[[root]]` tables give one root each,
+// with its `path` and any of the per-root options (root_options.hpp),
+// which win over the top-level ones for that root. The command line's
+// --root replaces the file's roots; a table's options then apply to a
+// root given with the same path.
+//
 // Errors (config_error), each naming the file, the line and the key: a
-// file that is not valid TOML, an unknown key, a table, a value of the
-// wrong type, an array for an option that takes one value.
+// file that is not valid TOML, an unknown key, a table (other than
+// [[root]]), a value of the wrong type, an array for an option that takes
+// one value, a [[root]] table without its path or with a key that is not a
+// per-root option.
 //
 // Thread-safety: pure functions, run before anything starts.
 #pragma once
+
+#include "serve/root_options.hpp"
 
 #include <CLI/CLI.hpp>
 
@@ -47,7 +58,13 @@ std::vector<std::string> with_config_file(const std::vector<std::string>& args, 
 
 // The options of a parsed `serve` as a configuration file: every key with
 // its value in effect (given, or the default), for --check-config.
-std::string effective_config(const CLI::App& serve);
+// The [[root]] tables written as the tables of `tables` (from
+// read_root_tables) in place of the key root.
+std::string effective_config(const CLI::App& serve, const std::vector<root_table>& tables = {});
+
+// The [[root]] tables of the configuration file `file` (none when `file`
+// is empty or has none). Raises config_error.
+std::vector<root_table> read_root_tables(const std::string& file, const CLI::App& serve);
 
 // The command-line arguments that the TOML `text` (read from `file`) stands
 // for, leaving out the options named in `given`; `sources` gets the file,

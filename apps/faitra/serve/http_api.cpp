@@ -14,6 +14,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <algorithm>
 #include <functional>
 #include <limits>
 #include <set>
@@ -154,10 +155,144 @@ std::optional<csl::fs_entry> find_record(csl::fs_cache& cache, const std::string
   return std::nullopt;
 }
 
+// The root among `roots` that catalogues `sent`, with its record.
+std::optional<std::pair<capture_daemon*, csl::fs_entry>> find_in_roots(const std::vector<capture_daemon*>& roots,
+                                                                       const std::string& sent, bool by_key) {
+  for (capture_daemon* d : roots) {
+    if (std::optional<csl::fs_entry> record = find_record(d->cache(), sent, by_key)) {
+      return std::make_pair(d, std::move(*record));
+    }
+  }
+  return std::nullopt;
+}
+
+// One root's part of a listing, at most `query.limit` records.
+void list_root(capture_daemon& d, const list_request& query, std::vector<csl::fs_entry>& out, uint64_t& skipped) {
+  const auto& range = query.range;
+  std::vector<csl::fs_entry> records;
+  if (range && query.by_start) {
+    d.cache().by_time(records, range->start, range->end);
+    csl::fs_cache::shared_guard lock(d.cache());
+    skipped += d.cache().path_cache().size() - d.cache().start_ts_cache().size();
+  } else if (range) {
+    overlap_selection selection = select_overlapping(d.cache(), range->start, range->end);
+    records = std::move(selection.captures);
+    skipped += selection.without_times;
+  } else {
+    csl::fs_cache::shared_guard lock(d.cache());
+    for (const auto& record : d.cache().path_cache()) {
+      if (records.size() >= query.limit) break;
+      records.push_back(*record);
+    }
+  }
+  if (records.size() > query.limit) records.resize(query.limit);
+  out.insert(out.end(), std::make_move_iterator(records.begin()), std::make_move_iterator(records.end()));
+}
+
+// The order of one root's listing, kept across roots: by first-packet time
+// then path with a range, by path without.
+void merge_listing(std::vector<csl::fs_entry>& records, bool by_time) {
+  std::stable_sort(records.begin(), records.end(), [by_time](const csl::fs_entry& a, const csl::fs_entry& b) {
+    if (by_time) {
+      const uint64_t a_start = a.start_ts.is_null() ? 0 : *a.start_ts;
+      const uint64_t b_start = b.start_ts.is_null() ? 0 : *b.start_ts;
+      if (a_start != b_start) return a_start < b_start;
+    }
+    return a.path < b.path;
+  });
+}
+
+// The sum of several roots' reconciles, as one.
+reconcile_result add_reconciles(const std::vector<reconcile_result>& results) {
+  reconcile_result sum = results.front();
+  for (size_t i = 1; i < results.size(); ++i) {
+    const reconcile_result& r = results[i];
+    sum.added += r.added;
+    sum.removed += r.removed;
+    sum.updated += r.updated;
+    sum.deferred += r.deferred;
+    sum.finished_at = std::max(sum.finished_at, r.finished_at);
+    sum.problems.insert(sum.problems.end(), r.problems.begin(), r.problems.end());
+  }
+  return sum;
+}
+
+void write_usage(cdl::json_writer& w, const metrics_sample& m) {
+  w.begin_object();
+  w.key("used", true);
+  w.value<unsigned long>(m.disk_used);
+  w.key("total", true);
+  w.value<unsigned long>(m.disk_total);
+  w.key("fraction", true);
+  write_fraction(w, m.disk_total == 0 ? 0.0 : static_cast<double>(m.disk_used) / static_cast<double>(m.disk_total));
+  w.end_object();
+}
+
+// The members of /v1/status that describe one root; the first root's are
+// also the top level's.
+void write_root_members(cdl::json_writer& w, capture_daemon& d, const metrics_sample& m) {
+  const daemon_options& o = d.options();
+  w.key("root", true);
+  w.value<std::string>(o.root);
+  w.key("watch", true);
+  w.begin_array();
+  for (const std::string& dir : o.watch) w.value<std::string>(dir);
+  w.end_array();
+  w.key("captures", true);
+  w.value<unsigned long>(m.captures);
+  w.key("usage", true);
+  write_usage(w, m);
+  w.key("retention", true);
+  retention_window window;
+  window.oldest_start = m.oldest_start;
+  window.newest_start = m.newest_start;
+  write_retention(w, window);
+  w.key("trigger", true);
+  write_fraction(w, d.cleaner().trigger());
+  w.key("stop", true);
+  write_fraction(w, d.cleaner().stop());
+  w.key("automatic_cleanup", true);
+  w.value<bool>(o.auto_cleanup);
+  w.key("automatic_metadata_cleanup", true);
+  w.value<bool>(d.cleaner().metadata_cleanup_enabled());
+  w.key("cleanup_in_progress", true);
+  w.value<bool>(m.cleanup_in_progress);
+  w.key("cleanup", true);
+  w.begin_object();
+  w.key("runs", true);
+  w.value<unsigned long>(m.cleanup_runs);
+  w.key("deleted_on_request", true);
+  w.value<unsigned long>(m.deleted_requested);
+  w.key("deleted_by_cleanup", true);
+  w.value<unsigned long>(m.deleted_cleanup);
+  w.key("removed_externally", true);
+  w.value<unsigned long>(m.removed_externally);
+  w.key("delete_queue", true);
+  w.value<unsigned long>(m.delete_queue);
+  w.key("metadata_cleanup_failures", true);
+  w.value<unsigned long>(m.metadata_cleanup_failures);
+  w.end_object();
+}
+
 }  // namespace
 
-http_api::http_api(capture_daemon& daemon, std::optional<std::string> token, unsigned max_retrievals)
-    : _daemon(daemon), _token(std::move(token)), _max_retrievals(max_retrievals) {}
+http_api::http_api(capture_roots& roots, std::optional<std::string> token, unsigned max_retrievals)
+    : _roots(roots), _token(std::move(token)), _max_retrievals(max_retrievals) {}
+
+capture_daemon& http_api::one_root(const httplib::Request& req) const {
+  const std::optional<std::string> name = parse_root_param(req.target);
+  if (!name) return _roots.first();
+  capture_daemon* d = _roots.find(*name);
+  if (d == nullptr) throw api_error(404, "no capture root is " + *name + "; the roots are " + _roots.names());
+  return *d;
+}
+
+std::vector<capture_daemon*> http_api::roots_for(const httplib::Request& req) const {
+  if (parse_root_param(req.target)) return {&one_root(req)};
+  std::vector<capture_daemon*> all;
+  for (size_t i = 0; i < _roots.size(); ++i) all.push_back(&_roots.at(i));
+  return all;
+}
 
 void http_api::set_token(std::string token) {
   std::lock_guard<std::mutex> lock(_token_mutex);
@@ -205,8 +340,7 @@ api_handler http_api::guarded(api_handler h) const {
 }
 
 void http_api::install(httplib::Server& server) {
-  capture_daemon& d = _daemon;
-  cdl::log* log = d.log();
+  cdl::log* log = _roots.first().log();
 
   const size_t threads = SERVER_THREADS + _max_retrievals;
   server.new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
@@ -279,35 +413,21 @@ void http_api::install(httplib::Server& server) {
     });
   }
 
-  route(server, "GET", "/v1/captures", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+  route(server, "GET", "/v1/captures", guarded([this](const httplib::Request& req, httplib::Response& res) {
     const list_request query = parse_list_request(req.target);
-    const auto& range = query.range;
-    const unsigned long limit = query.limit;
+    const std::vector<capture_daemon*> roots = roots_for(req);
     std::vector<csl::fs_entry> records;
     uint64_t skipped = 0;
-    if (range && query.by_start) {
-      d.cache().by_time(records, range->start, range->end);
-      csl::fs_cache::shared_guard lock(d.cache());
-      skipped = d.cache().path_cache().size() - d.cache().start_ts_cache().size();
-    } else if (range) {
-      overlap_selection selection = select_overlapping(d.cache(), range->start, range->end);
-      records = std::move(selection.captures);
-      skipped = selection.without_times;
-    } else {
-      csl::fs_cache::shared_guard lock(d.cache());
-      for (const auto& record : d.cache().path_cache()) {
-        if (records.size() >= limit) break;
-        records.push_back(*record);
-      }
-    }
-    if (records.size() > limit) records.resize(limit);
+    for (capture_daemon* d : roots) list_root(*d, query, records, skipped);
+    if (roots.size() > 1) merge_listing(records, query.range.has_value());
+    if (records.size() > query.limit) records.resize(query.limit);
     cdl::json_writer w;
     w.begin_object();
     w.key("captures", true);
     w.begin_array();
     for (const csl::fs_entry& e : records) write_record(w, e);
     w.end_array();
-    if (range) {
+    if (query.range) {
       w.key("skipped", true);
       w.value<unsigned long>(skipped);
     }
@@ -315,9 +435,10 @@ void http_api::install(httplib::Server& server) {
     send_json(res, 200, w);
   }));
 
-  route(server, "GET", "/v1/captures/lookup", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+  route(server, "GET", "/v1/captures/lookup", guarded([this](const httplib::Request& req, httplib::Response& res) {
     const lookup_request lookup = parse_lookup_request(req.target);
-    const std::optional<csl::fs_entry> record = find_record(d.cache(), lookup.value, lookup.by_key);
+    const auto found = find_in_roots(roots_for(req), lookup.value, lookup.by_key);
+    const std::optional<csl::fs_entry> record = found ? std::optional(found->second) : std::nullopt;
     if (!record) {
       throw api_error(404, std::string(lookup.by_key ? "no capture is catalogued with the key "
                                                      : "no capture is catalogued at ") + lookup.value);
@@ -338,23 +459,28 @@ void http_api::install(httplib::Server& server) {
     }
   });
 
-  route(server, "DELETE", "/v1/captures", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+  route(server, "DELETE", "/v1/captures", guarded([this](const httplib::Request& req, httplib::Response& res) {
     const delete_request del = parse_delete_request(req.target);
+    const std::vector<capture_daemon*> roots = roots_for(req);
     cdl::json_writer w;
     w.begin_object();
     w.key("marked", true);
     if (del.what == delete_request::form::path) {
       // Only an exact catalogued path is ever marked; anything else (a
       // relative path, "..", a link to elsewhere) is simply not found.
-      const std::optional<csl::fs_entry> record = find_record(d.cache(), del.path, false);
-      if (!record) throw api_error(404, "no capture is catalogued at " + del.path);
-      w.value<bool>(d.storage().delete_by_path(record->path, csl::fs_entry::deletion_by::requested));
+      const auto found = find_in_roots(roots, del.path, false);
+      if (!found) throw api_error(404, "no capture is catalogued at " + del.path);
+      w.value<bool>(found->first->storage().delete_by_path(found->second.path, csl::fs_entry::deletion_by::requested));
     } else if (del.what == delete_request::form::all) {
-      w.value<unsigned long>(d.storage().clear(csl::fs_entry::deletion_by::requested));
+      unsigned long marked = 0;
+      for (capture_daemon* d : roots) marked += d->storage().clear(csl::fs_entry::deletion_by::requested);
+      w.value<unsigned long>(marked);
     } else {
       std::vector<csl::fs_entry> marked;
-      d.storage().delete_by_time(marked, del.range.start, del.range.end, del.by_start,
-                                 csl::fs_entry::deletion_by::requested);
+      for (capture_daemon* d : roots) {
+        d->storage().delete_by_time(marked, del.range.start, del.range.end, del.by_start,
+                                    csl::fs_entry::deletion_by::requested);
+      }
       w.begin_array();
       for (const csl::fs_entry& e : marked) write_record(w, e);
       w.end_array();
@@ -363,20 +489,22 @@ void http_api::install(httplib::Server& server) {
     send_json(res, 200, w);
   }));
 
-  route(server, "GET", "/v1/storage", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+  route(server, "GET", "/v1/storage", guarded([this](const httplib::Request& req, httplib::Response& res) {
     parse_plain_request(req.target);
     cdl::json_writer w;
-    d.storage().state().to_json(w, {}, {});
+    one_root(req).storage().state().to_json(w, {}, {});
     send_json(res, 200, w);
   }));
 
-  route(server, "POST", "/v1/cleanup/age", guarded([&d, log](const httplib::Request& req, httplib::Response& res) {
+  route(server, "POST", "/v1/cleanup/age", guarded([this, log](const httplib::Request& req, httplib::Response& res) {
     const age_cleanup_request age = parse_age_cleanup_request(req.target, req.body);
-    if (age.dry_run) return answer_age_dry_run(res, d, age);
+    if (age.dry_run) return answer_age_dry_run(res, one_root(req), age);
     const auto mode = age.mode;
     const unsigned long cutoff = age.cutoff;
-    const bool accepted = d.jobs().submit("Age cleanup", [&d, mode, cutoff] { d.cleaner().start_age_cleanup(mode, cutoff); });
-    if (!accepted) throw api_error(503, "too many cleanups are waiting; try again later");
+    for (capture_daemon* d : roots_for(req)) {
+      const bool accepted = d->jobs().submit("Age cleanup", [d, mode, cutoff] { d->cleaner().start_age_cleanup(mode, cutoff); });
+      if (!accepted) throw api_error(503, "too many cleanups are waiting on " + d->options().root + "; try again later");
+    }
     if (log != nullptr) log->info("Accepted an age cleanup of %s up to %lu s", age.mode_text, cutoff);
     cdl::json_writer w;
     w.begin_object();
@@ -386,14 +514,16 @@ void http_api::install(httplib::Server& server) {
     send_json(res, 202, w);
   }));
 
-  route(server, "POST", "/v1/cleanup/metadata", guarded([&d, log](const httplib::Request& req, httplib::Response& res) {
+  route(server, "POST", "/v1/cleanup/metadata", guarded([this, log](const httplib::Request& req, httplib::Response& res) {
     const time_range range = parse_metadata_cleanup_request(req.target, req.body);
     const unsigned long start = range.start;
     const unsigned long end = range.end;
-    const bool accepted = d.jobs().submit("Metadata cleanup", [&d, start, end] {
-      d.cleaner().start_metadata_cleanup(cdl::nullable<unsigned long>(start), cdl::nullable<unsigned long>(end), false);
-    });
-    if (!accepted) throw api_error(503, "too many cleanups are waiting; try again later");
+    for (capture_daemon* d : roots_for(req)) {
+      const bool accepted = d->jobs().submit("Metadata cleanup", [d, start, end] {
+        d->cleaner().start_metadata_cleanup(cdl::nullable<unsigned long>(start), cdl::nullable<unsigned long>(end), false);
+      });
+      if (!accepted) throw api_error(503, "too many cleanups are waiting on " + d->options().root + "; try again later");
+    }
     if (log != nullptr) log->info("Accepted a metadata cleanup of %lu-%lu", start, end);
     cdl::json_writer w;
     w.begin_object();
@@ -403,9 +533,9 @@ void http_api::install(httplib::Server& server) {
     send_json(res, 202, w);
   }));
 
-  route(server, "PUT", "/v1/cleanup/metadata/automatic", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+  route(server, "PUT", "/v1/cleanup/metadata/automatic", guarded([this](const httplib::Request& req, httplib::Response& res) {
     const bool enabled = parse_automatic_request(req.target, req.body);
-    d.cleaner().switch_metadata_cleanup(enabled);
+    for (capture_daemon* d : roots_for(req)) d->cleaner().switch_metadata_cleanup(enabled);
     cdl::json_writer w;
     w.begin_object();
     w.key("enabled", true);
@@ -414,70 +544,29 @@ void http_api::install(httplib::Server& server) {
     send_json(res, 200, w);
   }));
 
-  route(server, "POST", "/v1/reconcile", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+  route(server, "POST", "/v1/reconcile", guarded([this](const httplib::Request& req, httplib::Response& res) {
     parse_reconcile_request(req.target, req.body);
-    const auto result = d.reconcile().request(std::chrono::seconds(60));
-    if (!result) throw api_error(503, "the reconcile did not complete (the daemon may be stopping)");
+    std::vector<reconcile_result> results;
+    for (capture_daemon* d : roots_for(req)) {
+      const auto result = d->reconcile().request(std::chrono::seconds(60));
+      if (!result) throw api_error(503, "the reconcile did not complete (the daemon may be stopping)");
+      results.push_back(*result);
+    }
     cdl::json_writer w;
-    write_reconcile_result(w, *result);
+    write_reconcile_result(w, add_reconciles(results));
     send_json(res, 200, w);
   }));
 
-  route(server, "GET", "/v1/status", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+  route(server, "GET", "/v1/status", guarded([this](const httplib::Request& req, httplib::Response& res) {
     parse_plain_request(req.target);
+    capture_daemon& d = one_root(req);
     const metrics_sample m = d.sample_metrics();
     const daemon_options& o = d.options();
     cdl::json_writer w;
     w.begin_object();
     w.key("version", true);
     w.value<std::string>(faitra_version());
-    w.key("root", true);
-    w.value<std::string>(o.root);
-    w.key("watch", true);
-    w.begin_array();
-    for (const std::string& dir : o.watch) w.value<std::string>(dir);
-    w.end_array();
-    w.key("captures", true);
-    w.value<unsigned long>(m.captures);
-    w.key("usage", true);
-    w.begin_object();
-    w.key("used", true);
-    w.value<unsigned long>(m.disk_used);
-    w.key("total", true);
-    w.value<unsigned long>(m.disk_total);
-    w.key("fraction", true);
-    write_fraction(w, m.disk_total == 0 ? 0.0 : static_cast<double>(m.disk_used) / static_cast<double>(m.disk_total));
-    w.end_object();
-    w.key("retention", true);
-    retention_window window;
-    window.oldest_start = m.oldest_start;
-    window.newest_start = m.newest_start;
-    write_retention(w, window);
-    w.key("trigger", true);
-    write_fraction(w, d.cleaner().trigger());
-    w.key("stop", true);
-    write_fraction(w, d.cleaner().stop());
-    w.key("automatic_cleanup", true);
-    w.value<bool>(o.auto_cleanup);
-    w.key("automatic_metadata_cleanup", true);
-    w.value<bool>(d.cleaner().metadata_cleanup_enabled());
-    w.key("cleanup_in_progress", true);
-    w.value<bool>(m.cleanup_in_progress);
-    w.key("cleanup", true);
-    w.begin_object();
-    w.key("runs", true);
-    w.value<unsigned long>(m.cleanup_runs);
-    w.key("deleted_on_request", true);
-    w.value<unsigned long>(m.deleted_requested);
-    w.key("deleted_by_cleanup", true);
-    w.value<unsigned long>(m.deleted_cleanup);
-    w.key("removed_externally", true);
-    w.value<unsigned long>(m.removed_externally);
-    w.key("delete_queue", true);
-    w.value<unsigned long>(m.delete_queue);
-    w.key("metadata_cleanup_failures", true);
-    w.value<unsigned long>(m.metadata_cleanup_failures);
-    w.end_object();
+    write_root_members(w, d, m);
     w.key("scan_problems", true);
     write_problems(w, d.scan_problems());
     w.key("reconcile", true);
@@ -528,6 +617,15 @@ void http_api::install(httplib::Server& server) {
     w.key("handler_failures", true);
     w.value<unsigned long>(m.handler_failures);
     write_retention_status(w, d);
+    w.key("roots", true);
+    w.begin_array();
+    for (capture_daemon* r : roots_for(req)) {
+      w.begin_object();
+      write_root_members(w, *r, r == &d ? m : r->sample_metrics());
+      write_retention_status(w, *r);
+      w.end_object();
+    }
+    w.end_array();
     w.key("export", true);
     if (m.catalogue_export) {
       write_export_status(w, *m.catalogue_export);
@@ -538,16 +636,18 @@ void http_api::install(httplib::Server& server) {
     send_json(res, 200, w);
   }));
 
-  route(server, "GET", "/metrics", guarded([&d](const httplib::Request& req, httplib::Response& res) {
+  route(server, "GET", "/metrics", guarded([this](const httplib::Request& req, httplib::Response& res) {
     parse_plain_request(req.target);
+    std::vector<root_sample> samples;
+    for (capture_daemon* d : roots_for(req)) samples.push_back({d->options().root, d->sample_metrics()});
     res.status = 200;
-    res.set_content(render_metrics(d.sample_metrics()), "text/plain; version=0.0.4");
+    res.set_content(render_metrics(samples), "text/plain; version=0.0.4");
   }));
 
-  install_packets_route(server, *this, d, _max_retrievals);
+  install_packets_route(server, *this, _max_retrievals);
   install_status_page(server);
-  install_operator_routes(server, *this, d);
-  install_hold_routes(server, *this, d);
+  install_operator_routes(server, *this);
+  install_hold_routes(server, *this);
 }
 
 }  // namespace faitra_cli

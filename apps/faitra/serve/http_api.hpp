@@ -12,12 +12,17 @@
 // body (HTTP/1.1); httplib would refuse it, so such requests are routed
 // before httplib reads a body, through the same handlers.
 //
+// With several capture roots, a request may name one with root=DIR (404
+// when no root has that directory). Without it, the listing, the lookup,
+// the deletions, the packets, the cleanups and the reconcile act across
+// every root, and the other views answer for the first root.
+//
 // Thread-safety: handlers run on the server's threads and only use the
-// daemon's thread-safe operations; set_token may be called from any thread.
+// daemons' thread-safe operations; set_token may be called from any thread.
 #pragma once
 
 #include "serve/api_request.hpp"
-#include <faitra/host/daemon.hpp>
+#include <faitra/host/capture_roots.hpp>
 
 #include <httplib.h>
 
@@ -27,6 +32,7 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace faitra_cli {
 
@@ -41,7 +47,7 @@ class http_api {
   static constexpr size_t SERVER_THREADS = 4;
   static constexpr unsigned DEFAULT_MAX_RETRIEVALS = 2;
 
-  http_api(faitra_host::capture_daemon& daemon, std::optional<std::string> token,
+  http_api(faitra_host::capture_roots& roots, std::optional<std::string> token,
            unsigned max_retrievals = DEFAULT_MAX_RETRIEVALS);
 
   // Installs the routes, the token check, the error forms and the limits.
@@ -53,6 +59,13 @@ class http_api {
   // Replaces the token that requests must carry from now on.
   void set_token(std::string token);
 
+  // The root a request acts on: the one its root= names, or the first.
+  // Raises api_error (400, or 404 naming the roots).
+  faitra_host::capture_daemon& one_root(const httplib::Request& req) const;
+  // The roots a request answers across: the one its root= names, or all.
+  std::vector<faitra_host::capture_daemon*> roots_for(const httplib::Request& req) const;
+  faitra_host::capture_roots& roots() const { return _roots; }
+
   // Registers `h` for `method` and `path` with the server and in _routes
   // (a route whose requests may come without a body must be).
   void route(httplib::Server& server, const std::string& method, const std::string& path, api_handler h);
@@ -60,7 +73,7 @@ class http_api {
  private:
   std::optional<std::string> token() const;
 
-  faitra_host::capture_daemon& _daemon;
+  faitra_host::capture_roots& _roots;
   mutable std::mutex _token_mutex;
   std::optional<std::string> _token;
   unsigned _max_retrievals;
@@ -68,7 +81,6 @@ class http_api {
 };
 
 // GET /v1/packets (packets_endpoint.cpp).
-void install_packets_route(httplib::Server& server, const http_api& api, faitra_host::capture_daemon& daemon,
-                           unsigned max_retrievals);
+void install_packets_route(httplib::Server& server, const http_api& api, unsigned max_retrievals);
 
 }  // namespace faitra_cli

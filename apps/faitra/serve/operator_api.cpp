@@ -110,8 +110,9 @@ void answer_age_dry_run(httplib::Response& res, capture_daemon& d, const age_cle
   send_json(res, 200, w);
 }
 
-void install_operator_routes(httplib::Server& server, const http_api& api, capture_daemon& d) {
-  server.Get("/v1/cleanup/plan", api.guarded([&d](const httplib::Request& req, httplib::Response& res) {
+void install_operator_routes(httplib::Server& server, const http_api& api) {
+  server.Get("/v1/cleanup/plan", api.guarded([&api](const httplib::Request& req, httplib::Response& res) {
+    faitra_host::capture_daemon& d = api.one_root(req);
     parse_plain_request(req.target);
     const auto state = d.storage().state();
     const float trigger = d.cleaner().trigger();
@@ -134,7 +135,8 @@ void install_operator_routes(httplib::Server& server, const http_api& api, captu
     send_json(res, 200, w);
   }));
 
-  server.Get("/v1/cleanup/runs", api.guarded([&d](const httplib::Request& req, httplib::Response& res) {
+  server.Get("/v1/cleanup/runs", api.guarded([&api](const httplib::Request& req, httplib::Response& res) {
+    faitra_host::capture_daemon& d = api.one_root(req);
     parse_plain_request(req.target);
     cdl::json_writer w;
     w.begin_object();
@@ -146,7 +148,8 @@ void install_operator_routes(httplib::Server& server, const http_api& api, captu
     send_json(res, 200, w);
   }));
 
-  server.Get("/v1/timeline", api.guarded([&d](const httplib::Request& req, httplib::Response& res) {
+  server.Get("/v1/timeline", api.guarded([&api](const httplib::Request& req, httplib::Response& res) {
+    faitra_host::capture_daemon& d = api.one_root(req);
     const timeline_request query = parse_timeline_request(req.target);
     std::optional<unsigned long> start, end;
     if (query.range) {

@@ -25,7 +25,8 @@ namespace faitra_cli {
 extern const std::set<std::string> OPERATOR_PATHS;
 
 // The routes, each behind api.guarded().
-void install_operator_routes(httplib::Server& server, const http_api& api, faitra_host::capture_daemon& daemon);
+// They answer for one root (http_api::one_root).
+void install_operator_routes(httplib::Server& server, const http_api& api);
 
 // 200 with what the age cleanup `age` would do, changing nothing.
 void answer_age_dry_run(httplib::Response& res, faitra_host::capture_daemon& daemon,

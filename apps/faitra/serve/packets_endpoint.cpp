@@ -88,12 +88,11 @@ void log_end(cdl::log* log, const stream& s) {
 
 }  // namespace
 
-void install_packets_route(httplib::Server& server, const http_api& api, capture_daemon& daemon,
-                           unsigned max_retrievals) {
+void install_packets_route(httplib::Server& server, const http_api& api, unsigned max_retrievals) {
   auto gate = std::make_shared<retrieval_gate>(max_retrievals);
-  capture_daemon* d = &daemon;
-  server.Get("/v1/packets", api.guarded([d, gate](const httplib::Request& req, httplib::Response& res) {
+  server.Get("/v1/packets", api.guarded([&api, gate](const httplib::Request& req, httplib::Response& res) {
     const packets_request query = parse_packets_request(req.target);
+    const std::vector<capture_daemon*> roots = api.roots_for(req);
     if (!gate->enter()) {
       res.set_header("Retry-After", RETRY_AFTER_SECONDS);
       throw api_error(503, "too many packet retrievals are running; try again shortly");
@@ -108,7 +107,9 @@ void install_packets_route(httplib::Server& server, const http_api& api, capture
     s->what = "[" + std::to_string(request.start_ns) + ", " + std::to_string(request.end_ns) + "]" +
               (request.filter.empty() ? std::string() : " '" + request.filter + "'");
     try {
-      s->retrieval = retrieve_from_catalogue(d->cache(), request);
+      std::vector<csl::fs_cache*> caches;
+      for (capture_daemon* d : roots) caches.push_back(&d->cache());
+      s->retrieval = retrieve_from_catalogues(caches, request);
     } catch (const filter_error& e) {
       throw api_error(400, std::string("filter: ") + e.what());
     }
@@ -119,7 +120,7 @@ void install_packets_route(httplib::Server& server, const http_api& api, capture
     res.set_header("X-Faitra-Captures-Pending-Deletion", std::to_string(c.captures_pending));
     res.set_header("Content-Disposition", "attachment; filename=\"packets-" + std::to_string(request.start_ns) +
                                               "-" + std::to_string(request.end_ns) + output.file_suffix() + "\"");
-    cdl::log* log = d->log();
+    cdl::log* log = roots.front()->log();
     res.set_chunked_content_provider(
         output.content_type(),
         [s, log](size_t, httplib::DataSink& sink) {

@@ -20,8 +20,9 @@ void fraction(cdl::json_writer& w, const char* name, double value) {
 
 }  // namespace
 
-void install_hold_routes(httplib::Server& server, http_api& api, capture_daemon& d) {
-  api.route(server, "POST", "/v1/holds", api.guarded([&d](const httplib::Request& req, httplib::Response& res) {
+void install_hold_routes(httplib::Server& server, http_api& api) {
+  api.route(server, "POST", "/v1/holds", api.guarded([&api](const httplib::Request& req, httplib::Response& res) {
+    faitra_host::capture_daemon& d = api.one_root(req);
     hold_request request = parse_hold_request(req.target, req.body);
     for (std::string& path : request.paths) {  // a name that is not UTF-8 comes escaped
       for (const std::string& form : catalogued_forms(path)) {
@@ -57,7 +58,8 @@ void install_hold_routes(httplib::Server& server, http_api& api, capture_daemon&
     send_json(res, 201, w);
   }));
 
-  api.route(server, "GET", "/v1/holds", api.guarded([&d](const httplib::Request& req, httplib::Response& res) {
+  api.route(server, "GET", "/v1/holds", api.guarded([&api](const httplib::Request& req, httplib::Response& res) {
+    faitra_host::capture_daemon& d = api.one_root(req);
     parse_plain_request(req.target);
     d.holds().expire(wall_clock_ns());  // an expired hold is never listed
     const auto totals = d.holds().summary();
@@ -75,7 +77,8 @@ void install_hold_routes(httplib::Server& server, http_api& api, capture_daemon&
     send_json(res, 200, w);
   }));
 
-  api.route(server, "DELETE", "/v1/holds", api.guarded([&d](const httplib::Request& req, httplib::Response& res) {
+  api.route(server, "DELETE", "/v1/holds", api.guarded([&api](const httplib::Request& req, httplib::Response& res) {
+    faitra_host::capture_daemon& d = api.one_root(req);
     const unsigned long id = parse_hold_release_request(req.target);
     if (!d.holds().release(id)) throw api_error(404, "no hold has the id " + std::to_string(id));
     cdl::json_writer w;

@@ -17,7 +17,8 @@
 namespace faitra_cli {
 
 // The routes, each behind api.guarded() and registered through api.route().
-void install_hold_routes(httplib::Server& server, http_api& api, faitra_host::capture_daemon& daemon);
+// Holds belong to one root (http_api::one_root).
+void install_hold_routes(httplib::Server& server, http_api& api);
 
 // Writes the members "max_age", "hard_limit" and "holds" of /v1/status.
 void write_retention_status(cdl::json_writer& w, faitra_host::capture_daemon& daemon);

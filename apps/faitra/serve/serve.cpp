@@ -5,6 +5,8 @@
 #include "serve/config_file.hpp"
 #include "serve/http_api.hpp"
 #include "serve/json_log.hpp"
+#include "serve/root_options.hpp"
+#include <faitra/host/capture_roots.hpp>
 #include <faitra/host/daemon_address.hpp>
 #include <faitra/host/listen_socket.hpp>
 #include <faitra/host/time_text.hpp>
@@ -39,14 +41,8 @@ namespace {
 constexpr size_t MMAP_THRESHOLD_BYTES = 1024 * 1024;
 
 struct serve_options {
-  std::string root;
-  std::vector<std::string> watch;
-  float trigger = 0.9F;
-  float stop = 0.8F;
-  bool no_auto_cleanup = false;
-  std::vector<std::string> suffixes;
-  std::string metadata_cleanup_cmd;
-  std::string reset_disk_cache_cmd;
+  std::vector<std::string> roots;
+  root_settings each;  // for every root, unless its [[root]] table says otherwise
   std::string listen = DEFAULT_LISTEN;
   std::string token_file;
   bool log_stdout = false;
@@ -59,9 +55,6 @@ struct serve_options {
   unsigned max_retrievals = http_api::DEFAULT_MAX_RETRIEVALS;
   bool derive_metadata = false;  // the default anyway; kept for explicit configurations
   bool no_derive_metadata = false;
-  std::string max_age;
-  std::string hard_limit;
-  std::string hold_dir;
   std::string export_postgres;
   std::string export_password_file;
   std::string sensor;
@@ -80,18 +73,44 @@ class adopting_server : public httplib::Server {
   void adopt(int listening_fd) { svr_sock_ = listening_fd; }
 };
 
-// --hard-limit: a fraction, or "off" (0); nothing when not given.
-std::optional<double> parse_hard_limit(const std::string& text, std::string& error) {
-  if (text.empty()) return std::nullopt;
-  if (text == "off") return 0.0;
-  try {
-    size_t used = 0;
-    const double value = std::stod(text, &used);
-    if (used == text.size()) return value;
-  } catch (const std::exception&) {
+// Every root's options: the command's, then those of the root's [[root]]
+// table in the configuration file, if it has one; the daemon-wide options
+// (logging, reconcile, derivation, export) alike for all. Raises
+// std::invalid_argument or config_error with a readable message.
+std::vector<daemon_options> root_options(const serve_options& cli, const CLI::App& serve, bool log_level_given) {
+  const std::vector<root_table> tables = read_root_tables(cli.config, serve);
+  if (cli.roots.size() > 1 && !cli.each.hold_dir.empty()) {
+    throw std::invalid_argument("--hold-dir is one directory: with several roots, give each its own in its "
+                                "[[root]] table");
   }
-  error = text + " is not a fraction: expected a number between the trigger and 1, or off";
-  return std::nullopt;
+  std::vector<daemon_options> roots;
+  for (const std::string& root : cli.roots) {
+    root_settings settings = cli.each;
+    for (const root_table& t : tables) {
+      if (normal_directory(t.path) == normal_directory(root)) settings = apply_root_table(cli.each, t);
+    }
+    daemon_options o = root_daemon_options(root, settings);
+    // JSON lines go through the logs' syslog calls (serve/json_log.hpp).
+    const bool json_log = cli.log_format == "json";
+    o.log_stdout = cli.log_stdout && !json_log;
+    o.log_level = cli.verbose && !log_level_given ? cdl::log_priority::debug : cli.log_level;
+    o.verbose = cli.verbose;
+    o.reconcile_interval = std::chrono::seconds(cli.reconcile_interval);
+    o.derive_metadata = !cli.no_derive_metadata;
+    if (cli.roots.size() > 1) o.log_label = "(" + normal_directory(root) + ")";
+    if (!cli.export_postgres.empty()) {
+      if (cli.sensor.empty()) throw std::invalid_argument("--export-postgres needs --sensor NAME");
+      export_options to;
+      to.conninfo = cli.export_postgres;
+      to.password_file = cli.export_password_file;
+      to.who.sensor = cli.sensor;
+      to.who.url = cli.sensor_url;
+      to.queue_capacity = cli.export_queue;
+      o.export_to = std::move(to);
+    }
+    roots.push_back(std::move(o));
+  }
+  return roots;
 }
 
 // SIGHUP (sent by operators and log rotation) reloads what can change while
@@ -112,7 +131,7 @@ void reload(const serve_options& cli, http_api& api, cdl::log* log) {
   log->info("Received SIGHUP; reloaded the token from %s", cli.token_file);
 }
 
-int run_serve(const serve_options& cli, bool log_level_given) {
+int run_serve(const serve_options& cli, const CLI::App& serve, bool log_level_given) {
   listen_address address;
   std::string error;
   if (!parse_listen_address(cli.listen, address, error)) {
@@ -144,49 +163,15 @@ int run_serve(const serve_options& cli, bool log_level_given) {
     if (address.unix_socket) ::unlink(address.host.c_str());
   };
 
-  daemon_options options;
-  options.root = cli.root;
-  options.watch.insert(cli.watch.begin(), cli.watch.end());
-  options.trigger = cli.trigger;
-  options.stop = cli.stop;
-  options.auto_cleanup = !cli.no_auto_cleanup;
-  if (!cli.suffixes.empty()) options.suffixes = cli.suffixes;
-  options.metadata_cleanup_cmd = cli.metadata_cleanup_cmd;
-  options.reset_disk_cache_cmd = cli.reset_disk_cache_cmd;
-  // JSON lines go through the logs' syslog calls (serve/json_log.hpp).
-  const bool json_log = cli.log_format == "json";
-  options.log_stdout = cli.log_stdout && !json_log;
-  options.log_level = cli.verbose && !log_level_given ? cdl::log_priority::debug : cli.log_level;
-  options.verbose = cli.verbose;
-  options.reconcile_interval = std::chrono::seconds(cli.reconcile_interval);
-  options.derive_metadata = !cli.no_derive_metadata;
-  std::string option_error;
-  if (!cli.max_age.empty()) {
-    options.max_age_ns = parse_duration_ns(cli.max_age, option_error);
-    if (!options.max_age_ns) {
-      std::cerr << "faitra serve: --max-age: " << option_error << "\n";
-      return 1;
-    }
-  }
-  options.hard_limit = parse_hard_limit(cli.hard_limit, option_error);
-  if (!option_error.empty()) {
-    std::cerr << "faitra serve: --hard-limit: " << option_error << "\n";
+  std::vector<daemon_options> roots;
+  try {
+    roots = root_options(cli, serve, log_level_given);
+  } catch (const std::exception& e) {
+    std::cerr << "faitra serve: " << e.what() << "\n";
+    abandon_socket();
     return 1;
   }
-  options.hold_dir = cli.hold_dir;
-  if (!cli.export_postgres.empty()) {
-    if (cli.sensor.empty()) {
-      std::cerr << "faitra serve: --export-postgres needs --sensor NAME\n";
-      return 1;
-    }
-    export_options to;
-    to.conninfo = cli.export_postgres;
-    to.password_file = cli.export_password_file;
-    to.who.sensor = cli.sensor;
-    to.who.url = cli.sensor_url;
-    to.queue_capacity = cli.export_queue;
-    options.export_to = std::move(to);
-  }
+  const bool json_log = cli.log_format == "json";
 
   // Each directory scan (at start and at every reconcile) takes a 16 MB
   // buffer. glibc serves the first from mmap, but on its release raises its
@@ -211,15 +196,15 @@ int run_serve(const serve_options& cli, bool log_level_given) {
     ::openlog("faitra", LOG_PID, LOG_LOCAL0);
   }
 
-  std::unique_ptr<capture_daemon> daemon;
+  std::unique_ptr<capture_roots> daemon;
   try {
-    daemon = std::make_unique<capture_daemon>(options);
+    daemon = std::make_unique<capture_roots>(std::move(roots));
   } catch (const std::exception& e) {
     std::cerr << "faitra serve: " << e.what() << "\n";
     abandon_socket();
     return 1;
   }
-  cdl::log* log = daemon->log();
+  cdl::log* log = daemon->first().log();
 
   adopting_server server;
   http_api api(*daemon, token, cli.max_retrievals);
@@ -279,38 +264,14 @@ void register_serve(CLI::App& app, int& exit_code) {
       "system fills, and serve the HTTP JSON API that the client subcommands (ls, rm, df, cleanup, "
       "metadata-cleanup, status, reconcile) use. Stops cleanly on SIGTERM or SIGINT (exit status 0); "
       "SIGHUP reloads the token file.");
-  sub->add_option("--root", cli->root, "Root directory of the captures (required)")
+  sub->add_option("--root", cli->roots,
+                  "Root directory of the captures (required); repeat for several roots, each with its own "
+                  "catalogue and cleanup (per-root options in the --config file's [[root]] tables)")
       ->required()
-      ->check(CLI::ExistingDirectory);
-  sub->add_option("--watch", cli->watch,
-                  "Directory to catalogue and watch, inside the root; repeat for several (default: the root). "
-                  "Subdirectories are not followed")
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
       ->check(CLI::ExistingDirectory);
-  sub->add_option("--trigger", cli->trigger,
-                  "Fraction of the file system in use (0 to 1) at which the automatic cleanup starts")
-      ->capture_default_str()
-      ->check(number_value(0.0, 1.0));
-  sub->add_option("--stop", cli->stop,
-                  "Fraction in use below which the automatic cleanup stops deleting; 0 < stop <= trigger <= 1")
-      ->capture_default_str()
-      ->check(number_value(0.0, 1.0));
-  sub->add_flag("--no-auto-cleanup", cli->no_auto_cleanup,
-                "Never delete captures by disk usage (age and metadata cleanups on request still work)");
-  sub->add_option("--suffix", cli->suffixes,
-                  "File name ending of a capture; repeat for several (default: .pcap and .pcapng)")
-      ->check(suffix_value())
-      ->expected(1)
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-  sub->add_option("--metadata-cleanup-cmd", cli->metadata_cleanup_cmd,
-                  "Command that deletes the metadata kept elsewhere about a time range. It is split on spaces "
-                  "(no shell, no quoting) and run with the range's start and end in nanoseconds appended as two "
-                  "more arguments. Exit status 0 is success; otherwise its standard error is the error text. "
-                  "Without it, there is no metadata to clean");
-  sub->add_option("--reset-disk-cache-cmd", cli->reset_disk_cache_cmd,
-                  "Command (split on spaces, no shell, no arguments added) run before the cleanup reads the disk "
-                  "figures; exit status 0 is success. Without it, nothing is refreshed");
+  add_root_options(*sub, cli->each);
   sub->add_option("--listen", cli->listen,
                   "Where the API listens: HOST:PORT ([v6-address]:PORT for IPv6; port 0 picks a free one and "
                   "logs it) or unix:PATH for a Unix socket")
@@ -341,16 +302,6 @@ void register_serve(CLI::App& app, int& exit_code) {
                   "Retry-After. Each has a server thread of its own")
       ->capture_default_str()
       ->check(unsigned_value(1, 16));
-  sub->add_option("--max-age", cli->max_age,
-                  "Delete captures created longer ago than this (7d, 12h, 1h30m, or seconds), checked at start "
-                  "and every minute through the age cleanup of files (default: no limit by age)");
-  sub->add_option("--hard-limit", cli->hard_limit,
-                  "Fraction in use (above --trigger, below 1) at which the oldest captures are deleted at once, "
-                  "without the automatic cleanup's pauses, until usage is under it; off to disable (default: "
-                  "0.97 while the automatic cleanup is on with a lower trigger, otherwise off)");
-  sub->add_option("--hold-dir", cli->hold_dir,
-                  "Directory for evidence holds, on the captures' file system and outside the watched "
-                  "directories (default: ROOT/.faitra-holds)");
   sub->add_option("--export-postgres", cli->export_postgres,
                   "Keep this sensor's captures in a central PostgreSQL table (postgresql://HOST/DB or key=value "
                   "words, without a password): a full resync on start and after every reconnection, live changes "
@@ -380,11 +331,17 @@ void register_serve(CLI::App& app, int& exit_code) {
                 "file, and exit: 0 when they are usable");
   sub->callback([cli, level, sub, &exit_code] {
     if (cli->check_config) {
-      std::cout << effective_config(*sub);
-      exit_code = 0;
+      try {
+        std::cout << effective_config(*sub, read_root_tables(cli->config, *sub));
+        root_options(*cli, *sub, false);
+        exit_code = 0;
+      } catch (const std::exception& e) {
+        std::cerr << "faitra serve: " << e.what() << "\n";
+        exit_code = 1;
+      }
       return;
     }
-    exit_code = run_serve(*cli, level->count() > 0);
+    exit_code = run_serve(*cli, *sub, level->count() > 0);
   });
 }
 

@@ -89,7 +89,14 @@ struct daemon_options {
   // Where held captures are linked; empty: ROOT/.faitra-holds.
   std::string hold_dir;
   std::optional<export_options> export_to;  // keep a central PostgreSQL table in step
+  // Added to the names of the root's logs, so that the lines of several
+  // roots in one daemon tell whose they are; empty: none.
+  std::string log_label;
 };
+
+// Absolute, without "." and "..", without a trailing slash; symbolic links
+// are kept as they are (the catalogue names files by these paths).
+std::string normal_directory(const std::string& dir);
 
 constexpr double DEFAULT_HARD_LIMIT = 0.97;
 // How often the holds' expiry and followed windows are looked at.

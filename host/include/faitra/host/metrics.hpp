@@ -25,6 +25,7 @@
 #include <atomic>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace faitra_host {
 
@@ -81,7 +82,17 @@ struct metrics_sample {
 // Copies the counters into `sample` (the gauges are left as they are).
 void copy_counters(const daemon_counters& counters, metrics_sample& sample);
 
+// One capture root's sample.
+struct root_sample {
+  std::string root;
+  metrics_sample sample;
+};
+
 // The Prometheus text exposition (format 0.0.4) of `sample`.
 std::string render_metrics(const metrics_sample& sample);
+// The same for several roots: each family once, with a sample per root
+// labelled root="DIR" when there are several (one root: no label, as above).
+// The export's series are the first root's.
+std::string render_metrics(const std::vector<root_sample>& samples);
 
 }  // namespace faitra_host

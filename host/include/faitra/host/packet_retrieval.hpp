@@ -106,5 +106,8 @@ class packet_retrieval {
 // those marked for deletion left out, ready to be retrieved. Raises
 // filter_error.
 std::unique_ptr<packet_retrieval> retrieve_from_catalogue(csl::fs_cache& cache, const retrieval_request& request);
+// The same across several catalogues (one per capture root), merged.
+std::unique_ptr<packet_retrieval> retrieve_from_catalogues(const std::vector<csl::fs_cache*>& caches,
+                                                           const retrieval_request& request);
 
 }  // namespace faitra_host
