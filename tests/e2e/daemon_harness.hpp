@@ -17,6 +17,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/prctl.h>
+#include <sys/statvfs.h>
 #include <sys/wait.h>
 
 #include <fstream>
@@ -222,6 +223,13 @@ inline std::map<std::string, std::string> fresh_scan(const std::string& dir) {
     records.emplace(record["path"].GetString(), record_text(record));
   }
   return records;
+}
+
+// The fraction of the file system of `dir` in use, as the daemon counts it.
+inline double usage(const std::string& dir) {
+  struct statvfs s {};
+  ::statvfs(dir.c_str(), &s);
+  return static_cast<double>(s.f_blocks - s.f_bfree) / static_cast<double>(s.f_blocks);
 }
 
 // A tmpfs for one test, or a skip when the process may not mount.

@@ -4,7 +4,6 @@
 // in place.
 #include "daemon_harness.hpp"
 
-#include <sys/statvfs.h>
 
 #include <ctime>
 #include <functional>
@@ -21,12 +20,6 @@ using faitra_e2e::daemon_process;
 using faitra_test::write_capture;
 
 constexpr unsigned long MiB = 1024 * 1024;
-
-double usage(const std::string& dir) {
-  struct statvfs s {};
-  ::statvfs(dir.c_str(), &s);
-  return static_cast<double>(s.f_blocks - s.f_bfree) / static_cast<double>(s.f_blocks);
-}
 
 std::string name(unsigned long n) { return "cap" + std::to_string(n) + ".pcap"; }
 
@@ -53,7 +46,7 @@ TEST(RetentionTest, HardLimitKeepsAFillingDiskUnderItsCeilingOldestFirst) {
   constexpr unsigned long COUNT = 40;  // two and a half times the disk
   for (unsigned long n = 1; n <= COUNT; ++n) {
     write_capture(fs.file(name(n)), MiB, faitra_e2e::attributes(n));  // fails the test on ENOSPC
-    ASSERT_TRUE(faitra_test::wait_until([&] { return usage(fs.path()) < 0.75; })) << "after capture " << n;
+    ASSERT_TRUE(faitra_test::wait_until([&] { return faitra_e2e::usage(fs.path()) < 0.75; })) << "after capture " << n;
   }
   // What is left is the newest captures, without a gap: the oldest went
   // first. (The guard may still be deleting ahead of the writer's pace.)

@@ -5,7 +5,6 @@
 #include "daemon_harness.hpp"
 
 #include <sys/stat.h>
-#include <sys/statvfs.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -16,12 +15,6 @@ using faitra_e2e::daemon_process;
 using faitra_test::write_capture;
 
 constexpr unsigned long MiB = 1024 * 1024;
-
-double usage(const std::string& dir) {
-  struct statvfs s {};
-  ::statvfs(dir.c_str(), &s);
-  return static_cast<double>(s.f_blocks - s.f_bfree) / static_cast<double>(s.f_blocks);
-}
 
 size_t on_disk(const std::string& dir) {
   return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(dir), {}));
@@ -55,9 +48,9 @@ TEST(RootsTest, EachRootIsCleanedToItsOwnStopAndTheApiAnswersAcrossThem) {
   std::vector<std::string> in_a;
   ASSERT_TRUE(faitra_test::wait_until([&] {
     in_a = listed(d, "?root=" + a.path());
-    return usage(a.path()) < 0.3 && in_a.size() == on_disk(a.path());
+    return faitra_e2e::usage(a.path()) < 0.3 && in_a.size() == on_disk(a.path());
   }));
-  EXPECT_GT(usage(b.path()), 0.5);
+  EXPECT_GT(faitra_e2e::usage(b.path()), 0.5);
   const std::vector<std::string> in_b = listed(d, "?root=" + b.path() + "/");
   ASSERT_EQ(in_b.size(), 10U);  // untouched, and without other.pcap
   EXPECT_EQ(in_b.front(), b.file("b1.cap"));

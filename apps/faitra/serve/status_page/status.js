@@ -67,6 +67,8 @@ function drawRoot(r) {
     el("div", {},
       el("div", {}, value(r.captures, r.captures, "captures"), " captures"),
       el("div", { class: "muted" }, state),
+      r.retention ? el("div", { class: "muted" }, "back to " + fromNs(r.retention.oldest_start) + " (" +
+        (r.retention.span_seconds / 3600).toFixed(1) + " h)") : "",
       el("div", { class: "muted" }, "watching " + (r.watch || []).join(", "))));
 }
 
