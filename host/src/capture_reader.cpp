@@ -1,5 +1,6 @@
 #include <faitra/host/capture_reader.hpp>
 
+#include "capture_format.hpp"
 #include "capture_source.hpp"
 
 #include <fcntl.h>
@@ -16,20 +17,21 @@ namespace faitra_host {
 
 namespace {
 
-constexpr uint32_t PCAP_MICRO = 0xa1b2c3d4;
-constexpr uint32_t PCAP_NANO = 0xa1b23c4d;
-constexpr uint32_t PCAP_MODIFIED = 0xa1b2cd34;  // 24-byte record headers, microseconds
-constexpr uint32_t PCAPNG_SECTION = 0x0a0d0d0a;
-constexpr uint32_t PCAPNG_BYTE_ORDER = 0x1a2b3c4d;
-constexpr uint32_t PCAPNG_INTERFACE = 1;
-constexpr uint32_t PCAPNG_OBSOLETE_PACKET = 2;
-constexpr uint32_t PCAPNG_SIMPLE_PACKET = 3;
-constexpr uint32_t PCAPNG_ENHANCED_PACKET = 6;
-constexpr uint16_t OPTION_END = 0;
-constexpr uint16_t OPTION_TSRESOL = 9;
-constexpr uint16_t OPTION_TSOFFSET = 14;
-constexpr size_t PCAP_FILE_HEADER = 24;
-constexpr uint64_t NS = 1000000000ULL;
+using detail::PCAP_MICRO;
+using detail::PCAP_NANO;
+using detail::PCAP_MODIFIED;
+using detail::PCAP_FILE_HEADER;
+using detail::PCAPNG_SECTION;
+using detail::PCAPNG_BYTE_ORDER;
+using detail::PCAPNG_INTERFACE;
+using detail::PCAPNG_OBSOLETE_PACKET;
+using detail::PCAPNG_SIMPLE_PACKET;
+using detail::PCAPNG_ENHANCED_PACKET;
+using detail::OPTION_END;
+using detail::OPTION_TSRESOL;
+using detail::OPTION_TSOFFSET;
+using detail::NS_PER_S;
+
 constexpr size_t INITIAL_CAPACITY = detail::capture_source::READ_BLOCK + (size_t{64} << 10);
 
 uint32_t bswap(uint32_t v) { return __builtin_bswap32(v); }
@@ -78,13 +80,13 @@ struct capture_cursor::interface_info {
         ns = static_cast<u128>(units) * factor;
         break;
       case scale::shift:
-        ns = (static_cast<u128>(units) * NS) >> shift;
+        ns = (static_cast<u128>(units) * NS_PER_S) >> shift;
         break;
       case scale::divide:
-        ns = static_cast<u128>(units) * NS / factor;
+        ns = static_cast<u128>(units) * NS_PER_S / factor;
         break;
     }
-    __int128 total = static_cast<__int128>(ns) + static_cast<__int128>(offset_s) * static_cast<__int128>(NS);
+    __int128 total = static_cast<__int128>(ns) + static_cast<__int128>(offset_s) * static_cast<__int128>(NS_PER_S);
     if (total < 0) return 0;
     if (total > static_cast<__int128>(std::numeric_limits<uint64_t>::max())) {
       return std::numeric_limits<uint64_t>::max();
@@ -108,16 +110,8 @@ struct capture_cursor::state {
   uint32_t pcap_link_type = 0;
   std::vector<interface_info> interfaces;
 
-  uint16_t u16(const unsigned char* p) const {
-    uint16_t v;
-    std::memcpy(&v, p, 2);
-    return swap ? static_cast<uint16_t>((v >> 8) | (v << 8)) : v;
-  }
-  uint32_t u32(const unsigned char* p) const {
-    uint32_t v;
-    std::memcpy(&v, p, 4);
-    return swap ? bswap(v) : v;
-  }
+  uint16_t u16(const unsigned char* p) const { return detail::read_u16(p, swap); }
+  uint32_t u32(const unsigned char* p) const { return detail::read_u32(p, swap); }
   const unsigned char* at() const { return buffer.get() + begin; }
   size_t available() const { return end - begin; }
 };
@@ -255,7 +249,7 @@ bool capture_cursor::next_pcap(packet_record& out) {
                                                std::to_string(caplen) + " captured bytes");
   }
   if (!fill(header + caplen)) return end_of_records(header + caplen);
-  out.ts_ns = uint64_t{seconds} * NS + uint64_t{fraction} * s.pcap_fraction_ns;
+  out.ts_ns = uint64_t{seconds} * NS_PER_S + uint64_t{fraction} * s.pcap_fraction_ns;
   out.has_time = true;
   out.link_type = s.pcap_link_type;
   out.interface = 0;

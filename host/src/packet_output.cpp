@@ -1,19 +1,22 @@
 #include <faitra/host/packet_output.hpp>
 
+#include "capture_format.hpp"
+
 #include <cstring>
 
 namespace faitra_host {
 
 namespace {
 
-constexpr uint32_t PCAP_NANO_MAGIC = 0xa1b23c4d;
+using detail::NS_PER_S;
+using detail::OPTION_TSRESOL;
+using detail::PCAP_NANO;
+using detail::PCAPNG_BYTE_ORDER;
+using detail::PCAPNG_ENHANCED_PACKET;
+using detail::PCAPNG_INTERFACE;
+using detail::PCAPNG_SECTION;
+
 constexpr uint32_t LINKTYPE_ETHERNET = 1;
-constexpr uint32_t SECTION_HEADER = 0x0a0d0d0a;
-constexpr uint32_t BYTE_ORDER_MAGIC = 0x1a2b3c4d;
-constexpr uint32_t INTERFACE_DESCRIPTION = 1;
-constexpr uint32_t ENHANCED_PACKET = 6;
-constexpr uint16_t OPTION_TSRESOL = 9;
-constexpr uint64_t NS = 1000000000ULL;
 constexpr size_t PCAP_RECORD_HEADER = 16;
 constexpr size_t ENHANCED_PACKET_FIXED = 32;  // block header, fields and trailing length
 constexpr size_t INTERFACE_BLOCK_SIZE = 32;   // with if_tsresol and the end of options
@@ -46,7 +49,7 @@ int packet_output::interface_of(uint32_t link_type) const {
 }
 
 void packet_output::interface_block(uint32_t link_type, std::string& out) {
-  put<uint32_t>(out, INTERFACE_DESCRIPTION);
+  put<uint32_t>(out, PCAPNG_INTERFACE);
   put<uint32_t>(out, INTERFACE_BLOCK_SIZE);
   put<uint16_t>(out, static_cast<uint16_t>(link_type));
   put<uint16_t>(out, 0);
@@ -61,7 +64,7 @@ void packet_output::interface_block(uint32_t link_type, std::string& out) {
 
 void packet_output::header(std::string& out) {
   if (!_pcapng) {
-    put<uint32_t>(out, PCAP_NANO_MAGIC);
+    put<uint32_t>(out, PCAP_NANO);
     put<uint16_t>(out, 2);
     put<uint16_t>(out, 4);
     put<int32_t>(out, 0);
@@ -70,9 +73,9 @@ void packet_output::header(std::string& out) {
     put<uint32_t>(out, _interfaces.front());
     return;
   }
-  put<uint32_t>(out, SECTION_HEADER);
+  put<uint32_t>(out, PCAPNG_SECTION);
   put<uint32_t>(out, 28);
-  put<uint32_t>(out, BYTE_ORDER_MAGIC);
+  put<uint32_t>(out, PCAPNG_BYTE_ORDER);
   put<uint16_t>(out, 1);
   put<uint16_t>(out, 0);
   put<int64_t>(out, -1);  // section length not given: the file is streamed
@@ -89,8 +92,8 @@ uint64_t packet_output::size_of(const packet_record& packet) const {
 bool packet_output::add(const packet_record& packet, std::string& out) {
   if (!_pcapng) {
     if (packet.link_type != _interfaces.front()) return false;
-    put<uint32_t>(out, static_cast<uint32_t>(packet.ts_ns / NS));
-    put<uint32_t>(out, static_cast<uint32_t>(packet.ts_ns % NS));
+    put<uint32_t>(out, static_cast<uint32_t>(packet.ts_ns / NS_PER_S));
+    put<uint32_t>(out, static_cast<uint32_t>(packet.ts_ns % NS_PER_S));
     put<uint32_t>(out, packet.caplen);
     put<uint32_t>(out, packet.origlen);
     out.append(reinterpret_cast<const char*>(packet.data), packet.caplen);
@@ -103,7 +106,7 @@ bool packet_output::add(const packet_record& packet, std::string& out) {
     interface = static_cast<int>(_interfaces.size() - 1);
   }
   const auto length = static_cast<uint32_t>(ENHANCED_PACKET_FIXED + padded(packet.caplen));
-  put<uint32_t>(out, ENHANCED_PACKET);
+  put<uint32_t>(out, PCAPNG_ENHANCED_PACKET);
   put<uint32_t>(out, length);
   put<uint32_t>(out, static_cast<uint32_t>(interface));
   put<uint32_t>(out, static_cast<uint32_t>(packet.ts_ns >> 32));
