@@ -1,5 +1,7 @@
 #include <faitra/host/cleanup_history.hpp>
 
+#include "thread_stop.hpp"
+
 #include <ctime>
 
 namespace faitra_host {
@@ -10,12 +12,7 @@ cleanup_history::cleanup_history(const csl::fs_cleaner& cleaner, const daemon_co
 cleanup_history::~cleanup_history() { stop(); }
 
 void cleanup_history::stop() {
-  {
-    std::lock_guard<std::mutex> lock(_mutex);
-    _stopping = true;
-  }
-  _cv.notify_all();
-  if (_thread.joinable()) _thread.join();
+  detail::stop_and_join(_mutex, _cv, _stopping, _thread);
 }
 
 void cleanup_history::note_failure(const std::string& what) {

@@ -1,5 +1,7 @@
 #include <faitra/host/hard_limit.hpp>
 
+#include "thread_stop.hpp"
+
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -40,12 +42,7 @@ void hard_limit_guard::poke() {
 }
 
 void hard_limit_guard::stop() {
-  {
-    std::lock_guard<std::mutex> lock(_mutex);
-    _stopping = true;
-  }
-  _cv.notify_all();
-  if (_thread.joinable()) _thread.join();
+  detail::stop_and_join(_mutex, _cv, _stopping, _thread);
 }
 
 hard_limit_guard::stats hard_limit_guard::sample() const {

@@ -1,5 +1,7 @@
 #include <faitra/host/periodic.hpp>
 
+#include "thread_stop.hpp"
+
 #include <exception>
 
 namespace faitra_host {
@@ -13,12 +15,7 @@ periodic_thread::periodic_thread(std::string name, std::chrono::milliseconds per
 periodic_thread::~periodic_thread() { stop(); }
 
 void periodic_thread::stop() {
-  {
-    std::lock_guard<std::mutex> lock(_mutex);
-    _stopping = true;
-  }
-  _cv.notify_all();
-  if (_thread.joinable()) _thread.join();
+  detail::stop_and_join(_mutex, _cv, _stopping, _thread);
 }
 
 void periodic_thread::thread_body() {

@@ -3,6 +3,8 @@
 #include <faitra/host/capture_attributes.hpp>
 #include <faitra/host/catalogue.hpp>
 
+#include "thread_stop.hpp"
+
 #include <csl/fs_reader.hpp>
 
 #include <cdl/exception.hpp>
@@ -141,12 +143,7 @@ void reconciler::start() {
 }
 
 void reconciler::stop() {
-  {
-    std::lock_guard<std::mutex> lock(_mutex);
-    _stopping = true;
-  }
-  _cv.notify_all();
-  if (_thread.joinable()) _thread.join();
+  detail::stop_and_join(_mutex, _cv, _stopping, _thread);
 }
 
 std::optional<reconcile_result> reconciler::request(std::chrono::milliseconds timeout) {

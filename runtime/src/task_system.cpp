@@ -203,24 +203,24 @@ task_listener_group::~task_listener_group() { _group.detach(this); }
 // ---------------------------------------------------------------------------
 // runtime
 
-void runtime::start() {
+namespace {
+
+// Runs `callbacks` the first time `done` is set, outside the lock: a callback
+// may register further callbacks.
+void run_once(std::mutex& mutex, std::atomic<bool>& done, const std::vector<std::function<void()>>& registered) {
   std::vector<std::function<void()>> callbacks;
   {
-    std::lock_guard<std::mutex> lock(_mutex);
-    if (_started.exchange(true)) return;
-    callbacks = _start_callbacks;
+    std::lock_guard<std::mutex> lock(mutex);
+    if (done.exchange(true)) return;
+    callbacks = registered;
   }
   for (auto& callback : callbacks) callback();
 }
 
-void runtime::stop() {
-  std::vector<std::function<void()>> callbacks;
-  {
-    std::lock_guard<std::mutex> lock(_mutex);
-    if (_stopped.exchange(true)) return;
-    callbacks = _stop_callbacks;
-  }
-  for (auto& callback : callbacks) callback();
-}
+}  // namespace
+
+void runtime::start() { run_once(_mutex, _started, _start_callbacks); }
+
+void runtime::stop() { run_once(_mutex, _stopped, _stop_callbacks); }
 
 }  // namespace cdl
