@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -39,6 +40,25 @@ void print_records(const rapidjson::Value& records) {
 httplib::Params range_params(const std::string& start, const std::string& end, bool seconds = false) {
   return {{"start", std::to_string(time_option("--start", start, seconds))},
           {"end", std::to_string(time_option("--end", end, seconds))}};
+}
+
+// A subcommand with no options of its own: one request, and its answer
+// printed by `show` (as it came with --json).
+void register_plain(CLI::App& app, int& exit_code, const char* name, const char* help, const char* method,
+                    const char* path, std::function<void(const answer&)> show) {
+  auto o = std::make_shared<client_options>();
+  auto* sub = app.add_subcommand(name, help);
+  add_client_options(sub, *o);
+  sub->callback([o, method, path, show = std::move(show), &exit_code] {
+    exit_code = guarded([&] {
+      const answer a = call(*o, method, path);
+      if (o->json) {
+        std::cout << a.body << "\n";
+      } else {
+        show(a);
+      }
+    });
+  });
 }
 
 void register_ls(CLI::App& app, int& exit_code) {
@@ -162,25 +182,16 @@ void register_rm(CLI::App& app, int& exit_code) {
 }
 
 void register_df(CLI::App& app, int& exit_code) {
-  auto o = std::make_shared<client_options>();
-  auto* sub = app.add_subcommand("df", "Show the capture file system's used and total bytes");
-  add_client_options(sub, *o);
-  sub->callback([o, &exit_code] {
-    exit_code = guarded([&] {
-      const answer a = call(*o, "GET", "/v1/storage");
-      if (o->json) {
-        std::cout << a.body << "\n";
-        return;
-      }
-      const auto& space = member(a.doc, "disk_space");
-      const unsigned long used = member(space, "used").IsUint64() ? member(space, "used").GetUint64() : 0;
-      const unsigned long total = member(space, "total").IsUint64() ? member(space, "total").GetUint64() : 0;
-      char percent[16];
-      std::snprintf(percent, sizeof percent, "%.1f%%",
-                    total == 0 ? 0.0 : 100.0 * static_cast<double>(used) / static_cast<double>(total));
-      print_table({"USED", "TOTAL", "USE%", "USED_BYTES", "TOTAL_BYTES"},
-                  {{human_bytes(used), human_bytes(total), percent, std::to_string(used), std::to_string(total)}});
-    });
+  const char* help = "Show the capture file system's used and total bytes";
+  register_plain(app, exit_code, "df", help, "GET", "/v1/storage", [](const answer& a) {
+    const auto& space = member(a.doc, "disk_space");
+    const unsigned long used = member(space, "used").IsUint64() ? member(space, "used").GetUint64() : 0;
+    const unsigned long total = member(space, "total").IsUint64() ? member(space, "total").GetUint64() : 0;
+    char percent[16];
+    std::snprintf(percent, sizeof percent, "%.1f%%",
+                  total == 0 ? 0.0 : 100.0 * static_cast<double>(used) / static_cast<double>(total));
+    print_table({"USED", "TOTAL", "USE%", "USED_BYTES", "TOTAL_BYTES"},
+                {{human_bytes(used), human_bytes(total), percent, std::to_string(used), std::to_string(total)}});
   });
 }
 
@@ -324,84 +335,65 @@ void register_metadata_cleanup(CLI::App& app, int& exit_code) {
 }
 
 void register_status(CLI::App& app, int& exit_code) {
-  auto o = std::make_shared<client_options>();
-  auto* sub = app.add_subcommand("status", "Show the daemon's state: captures, usage, cleanup, reconcile, retention and holds");
-  add_client_options(sub, *o);
-  sub->callback([o, &exit_code] {
-    exit_code = guarded([&] {
-      const answer a = call(*o, "GET", "/v1/status");
-      if (o->json) {
-        std::cout << a.body << "\n";
-        return;
+  const char* help = "Show the daemon's state: captures, usage, cleanup, reconcile, retention and holds";
+  register_plain(app, exit_code, "status", help, "GET", "/v1/status", [](const answer& a) {
+    const auto& d = a.doc;
+    const auto& usage = member(d, "usage");
+    const auto& cleanup = member(d, "cleanup");
+    const auto& reconcile = member(d, "reconcile");
+    const unsigned long used = member(usage, "used").IsUint64() ? member(usage, "used").GetUint64() : 0;
+    const unsigned long total = member(usage, "total").IsUint64() ? member(usage, "total").GetUint64() : 0;
+    std::vector<std::vector<std::string>> rows = {
+        {"version", text_of(member(d, "version"))},
+        {"root", text_of(member(d, "root"))},
+        {"captures", text_of(member(d, "captures"))},
+        {"usage", human_bytes(used) + " of " + human_bytes(total) + " (fraction " +
+                      text_of(member(usage, "fraction")) + ")"},
+        {"trigger / stop", text_of(member(d, "trigger")) + " / " + text_of(member(d, "stop"))},
+        {"oldest / newest packet", time_text_of(member(member(d, "retention"), "oldest_start")) + " / " +
+                                       time_text_of(member(member(d, "retention"), "newest_start"))},
+        {"automatic cleanup", text_of(member(d, "automatic_cleanup"))},
+        {"automatic metadata cleanup", text_of(member(d, "automatic_metadata_cleanup"))},
+        {"cleanup in progress", text_of(member(d, "cleanup_in_progress"))},
+        {"cleanup runs", text_of(member(cleanup, "runs"))},
+        {"deleted on request", text_of(member(cleanup, "deleted_on_request"))},
+        {"deleted by cleanup", text_of(member(cleanup, "deleted_by_cleanup"))},
+        {"removed by others", text_of(member(cleanup, "removed_externally"))},
+        {"reconcile runs", text_of(member(reconcile, "runs"))},
+        {"drift repaired", "added " + text_of(member(reconcile, "added")) + ", removed " +
+                               text_of(member(reconcile, "removed")) + ", updated " +
+                               text_of(member(reconcile, "updated"))},
+    };
+    const auto& max_age = member(d, "max_age");
+    rows.push_back({"max age", max_age.IsNull() ? "none"
+                                                : text_of(member(max_age, "duration")) + " (deleted " +
+                                                      text_of(member(max_age, "deleted")) + ")"});
+    const auto& hard = member(d, "hard_limit");
+    rows.push_back({"hard limit", hard.IsNull() ? "off"
+                                                : text_of(member(hard, "fraction")) + " (deleted " +
+                                                      text_of(member(hard, "deleted")) + ", highest usage " +
+                                                      text_of(member(hard, "highest_fraction")) + ")"});
+    const auto& holds = member(d, "holds");
+    const auto& held = member(holds, "bytes");
+    rows.push_back({"holds", text_of(member(holds, "count")) + " holding " + text_of(member(holds, "captures")) +
+                                 " capture(s), " + human_bytes(held.IsUint64() ? held.GetUint64() : 0)});
+    print_table({"FIELD", "VALUE"}, rows);
+    const auto& problems = member(d, "scan_problems");
+    if (problems.IsArray() && problems.Size() > 0) {
+      std::cout << "\nskipped at start:\n";
+      for (const auto& p : problems.GetArray()) {
+        std::cout << "  " << text_of(member(p, "name")) << ": " << text_of(member(p, "reason")) << "\n";
       }
-      const auto& d = a.doc;
-      const auto& usage = member(d, "usage");
-      const auto& cleanup = member(d, "cleanup");
-      const auto& reconcile = member(d, "reconcile");
-      const unsigned long used = member(usage, "used").IsUint64() ? member(usage, "used").GetUint64() : 0;
-      const unsigned long total = member(usage, "total").IsUint64() ? member(usage, "total").GetUint64() : 0;
-      std::vector<std::vector<std::string>> rows = {
-          {"version", text_of(member(d, "version"))},
-          {"root", text_of(member(d, "root"))},
-          {"captures", text_of(member(d, "captures"))},
-          {"usage", human_bytes(used) + " of " + human_bytes(total) + " (fraction " +
-                        text_of(member(usage, "fraction")) + ")"},
-          {"trigger / stop", text_of(member(d, "trigger")) + " / " + text_of(member(d, "stop"))},
-          {"oldest / newest packet", time_text_of(member(member(d, "retention"), "oldest_start")) + " / " +
-                                         time_text_of(member(member(d, "retention"), "newest_start"))},
-          {"automatic cleanup", text_of(member(d, "automatic_cleanup"))},
-          {"automatic metadata cleanup", text_of(member(d, "automatic_metadata_cleanup"))},
-          {"cleanup in progress", text_of(member(d, "cleanup_in_progress"))},
-          {"cleanup runs", text_of(member(cleanup, "runs"))},
-          {"deleted on request", text_of(member(cleanup, "deleted_on_request"))},
-          {"deleted by cleanup", text_of(member(cleanup, "deleted_by_cleanup"))},
-          {"removed by others", text_of(member(cleanup, "removed_externally"))},
-          {"reconcile runs", text_of(member(reconcile, "runs"))},
-          {"drift repaired", "added " + text_of(member(reconcile, "added")) + ", removed " +
-                                 text_of(member(reconcile, "removed")) + ", updated " +
-                                 text_of(member(reconcile, "updated"))},
-      };
-      const auto& max_age = member(d, "max_age");
-      rows.push_back({"max age", max_age.IsNull() ? "none"
-                                                  : text_of(member(max_age, "duration")) + " (deleted " +
-                                                        text_of(member(max_age, "deleted")) + ")"});
-      const auto& hard = member(d, "hard_limit");
-      rows.push_back({"hard limit", hard.IsNull() ? "off"
-                                                  : text_of(member(hard, "fraction")) + " (deleted " +
-                                                        text_of(member(hard, "deleted")) + ", highest usage " +
-                                                        text_of(member(hard, "highest_fraction")) + ")"});
-      const auto& holds = member(d, "holds");
-      const auto& held = member(holds, "bytes");
-      rows.push_back({"holds", text_of(member(holds, "count")) + " holding " + text_of(member(holds, "captures")) +
-                                   " capture(s), " + human_bytes(held.IsUint64() ? held.GetUint64() : 0)});
-      print_table({"FIELD", "VALUE"}, rows);
-      const auto& problems = member(d, "scan_problems");
-      if (problems.IsArray() && problems.Size() > 0) {
-        std::cout << "\nskipped at start:\n";
-        for (const auto& p : problems.GetArray()) {
-          std::cout << "  " << text_of(member(p, "name")) << ": " << text_of(member(p, "reason")) << "\n";
-        }
-      }
-    });
+    }
   });
 }
 
 void register_reconcile(CLI::App& app, int& exit_code) {
-  auto o = std::make_shared<client_options>();
-  auto* sub = app.add_subcommand(
-      "reconcile", "Compare the catalogue with the directories now, repair what differs, and show the repairs");
-  add_client_options(sub, *o);
-  sub->callback([o, &exit_code] {
-    exit_code = guarded([&] {
-      const answer a = call(*o, "POST", "/v1/reconcile");
-      if (o->json) {
-        std::cout << a.body << "\n";
-        return;
-      }
-      std::cout << "added " << text_of(member(a.doc, "added")) << ", removed " << text_of(member(a.doc, "removed"))
-                << ", updated " << text_of(member(a.doc, "updated")) << ", deferred "
-                << text_of(member(a.doc, "deferred")) << "\n";
-    });
+  const char* help = "Compare the catalogue with the directories now, repair what differs, and show the repairs";
+  register_plain(app, exit_code, "reconcile", help, "POST", "/v1/reconcile", [](const answer& a) {
+    std::cout << "added " << text_of(member(a.doc, "added")) << ", removed " << text_of(member(a.doc, "removed"))
+              << ", updated " << text_of(member(a.doc, "updated")) << ", deferred "
+              << text_of(member(a.doc, "deferred")) << "\n";
   });
 }
 
