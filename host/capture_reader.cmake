@@ -1,6 +1,17 @@
 # The capture reader (packet cursor, summary, content hash) as an object
 # library: compiled into faitra_host, and on its own into the fuzz target and
 # tests of builds without the host library. Included at most once.
+
+# Links `target` with the capture reader: through faitra_host where the host
+# library is built, through the object library otherwise.
+function(faitra_link_capture_reader target)
+  if(TARGET faitra_host)
+    target_link_libraries(${target} PRIVATE faitra_host)
+  else()
+    target_link_libraries(${target} PRIVATE faitra_capture_reader)
+  endif()
+endfunction()
+
 if(TARGET faitra_capture_reader)
   return()
 endif()
