@@ -32,7 +32,7 @@ TEST(ConfigFileTest, CommandLineWinsAndErrorsNameTheKeyAndLine) {
       {"root = 'ROOT'\ntrigger = 0.5\ntrigger = 0.6\n", {}, 2, "faitra.toml:3:"},
       {"root = 'ROOT'\ncheck-config = true\n", {}, 2, "key 'check-config': unknown key"},
       {"root = '/nonexistent'\n", {}, 105, "(DIR/faitra.toml:1: key 'root')"},
-      {"trigger = 0.6\n[[root]]\npath = 'ROOT'\nstop = 0.5\n", {}, 0, "[[root]]\npath = 'DIR'\nstop = 0.5\n"},
+      {"trigger = 0.6\n[[root]]\npath = 'ROOT'\nstop = 0.5\n", {}, 0, "[[root]]\npath = \"DIR\"\nstop = 0.5\n"},
       {"[[root]]\npath = 'ROOT'\nlisten = 'x'\n", {}, 2, "faitra.toml:3: key 'listen': not a key of a [[root]]"},
       {"[[root]]\nstop = 0.5\n", {}, 2, "faitra.toml:1: a [[root]] table needs its directory"},
       {"[[root]]\npath = 'ROOT'\ntrigger = 2\n", {}, 1, "faitra.toml:1: root DIR: --trigger: 2 is too large"},

@@ -76,6 +76,10 @@ TEST(RootsTest, EachRootIsCleanedToItsOwnStopAndTheApiAnswersAcrossThem) {
   EXPECT_EQ(unknown.status, 404);
   EXPECT_NE(unknown.body.find(b.path()), std::string::npos) << unknown.body;
 
+  const faitra_e2e::run_result ls = faitra_e2e::run({"ls", "--listen", d.listen(), "--root", b.path(), "--json"});
+  EXPECT_NE(ls.out.find(b.file("b1.cap")), std::string::npos) << ls.out << ls.err;
+  EXPECT_EQ(ls.out.find(a.path()), std::string::npos) << ls.out;
+
   // Status and metrics, root by root.
   const faitra_e2e::reply status = d.request("GET", "/v1/status");
   ASSERT_TRUE(status.json["roots"].IsArray());

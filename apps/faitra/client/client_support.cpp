@@ -23,6 +23,9 @@ const char* const TIME_HELP = "ns since the epoch, RFC 3339 (2026-11-23T10:02:00
 void add_client_options(CLI::App* sub, client_options& o) {
   sub->add_option("--listen", o.listen, "Where the daemon listens: HOST:PORT or unix:PATH")->capture_default_str();
   sub->add_option("--token-file", o.token_file, "File holding the daemon's bearer token")->check(CLI::ExistingFile);
+  sub->add_option("--root", o.root,
+                  "On a daemon with several capture roots, the root to ask about (default: every root, or the "
+                  "first where the answer is about one)");
   sub->add_flag("--json", o.json, "Print the daemon's JSON answer as it is");
 }
 
@@ -32,7 +35,9 @@ answer call(const client_options& o, const std::string& method, const std::strin
   const daemon_client daemon = connect_daemon(o.listen, o.token_file, std::chrono::seconds(90));
   httplib::Client* client = daemon.client.get();
   const httplib::Headers& headers = daemon.headers;
-  const std::string target = params.empty() ? path : httplib::append_query_params(path, params);
+  httplib::Params sent = params;
+  if (!o.root.empty()) sent.emplace("root", o.root);
+  const std::string target = sent.empty() ? path : httplib::append_query_params(path, sent);
   httplib::Result result = [&] {
     if (method == "GET") return client->Get(target, headers);
     if (method == "DELETE") return client->Delete(target, headers);

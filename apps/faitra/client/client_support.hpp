@@ -22,6 +22,7 @@ namespace faitra_cli {
 struct client_options {
   std::string listen = faitra_host::DEFAULT_LISTEN;
   std::string token_file;
+  std::string root;  // sent as root= on every request when given
   bool json = false;
 };
 

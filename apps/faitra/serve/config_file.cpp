@@ -106,6 +106,32 @@ void add_key(std::vector<std::string>& out, const std::string& file, const std::
   out.insert(out.end(), {flag, text});
 }
 
+// A value as the file would spell it: numbers as the command line reads
+// them (0.2, not toml++'s 0.20000000000000001), strings quoted.
+std::string value_text(const toml::node& node) {
+  if (const auto* b = node.as_boolean()) return b->get() ? "true" : "false";
+  if (const auto* list = node.as_array()) {
+    std::string out = "[";
+    for (const toml::node& item : *list) out += (out.size() > 1 ? ", " : "") + value_text(item);
+    return out + "]";
+  }
+  std::string text;
+  scalar_text(node, text);
+  if (!node.is_string()) return text;
+  std::string quoted = "\"";
+  for (const char c : text) quoted += (c == '"' || c == '\\') ? std::string("\\") + c : std::string(1, c);
+  return quoted + "\"";
+}
+
+// A [[root]] table's keys, path first, one line each.
+std::string table_text(const toml::table& table) {
+  std::string out = "path = " + value_text(*table.get("path")) + "\n";
+  for (const auto& [key, value] : table) {
+    if (key.str() != "path") out += std::string(key.str()) + " = " + value_text(value) + "\n";
+  }
+  return out;
+}
+
 // The `[[root]]` tables under the key `root`, each checked: a path, and
 // per-root options only, with values of the right type.
 std::vector<root_table> root_tables(const toml::array& tables, const std::string& file, const CLI::App& serve) {
@@ -132,9 +158,7 @@ std::vector<root_table> root_tables(const toml::array& tables, const std::string
       config_sources unused;
       add_key(root.args, file, name, value, serve, unused);
     }
-    std::ostringstream text;
-    text << table;
-    root.toml = text.str();
+    root.toml = table_text(table);
     out.push_back(std::move(root));
   }
   return out;
@@ -268,7 +292,7 @@ std::string effective_config(const CLI::App& serve, const std::vector<root_table
     }
     out += opt->get_lnames().front() + " = " + value + "\n";
   }
-  for (const root_table& t : tables) out += "\n[[root]]\n" + t.toml + "\n";
+  for (const root_table& t : tables) out += "\n[[root]]\n" + t.toml;
   return out;
 }
 
