@@ -149,9 +149,11 @@ std::vector<root_table> root_tables(const toml::array& tables, const std::string
       const std::string name(key.str());
       if (name == "path") continue;
       const CLI::Option* opt = option_for(serve, name);
-      if (opt == nullptr || root_option_names().count(opt->get_lnames().front()) == 0) {
+      if (opt == nullptr || opt->get_group() != ROOT_OPTIONS_GROUP) {
         std::string names;
-        for (const std::string& n : root_option_names()) names += ", " + n;
+        for (const CLI::Option* o : serve.get_options()) {
+          if (o->get_group() == ROOT_OPTIONS_GROUP) names += ", " + o->get_lnames().front();
+        }
         throw config_error(where(file, value.source(), name) + ": not a key of a [[root]] table; those are path" +
                            names);
       }

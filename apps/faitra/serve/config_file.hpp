@@ -30,8 +30,6 @@
 // Thread-safety: pure functions, run before anything starts.
 #pragma once
 
-#include "serve/root_options.hpp"
-
 #include <CLI/CLI.hpp>
 
 #include <map>
@@ -45,6 +43,19 @@ namespace faitra_cli {
 class config_error : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
+};
+
+// The group of the options that a [[root]] table may set (root_options.hpp
+// puts them there).
+inline constexpr const char* ROOT_OPTIONS_GROUP = "Options for every root, or one root's in its [[root]] table";
+
+// One `[[root]]` table: its path, its options as command-line arguments,
+// where it is in the file ("FILE:LINE"), and its keys as TOML lines.
+struct root_table {
+  std::string path;
+  std::vector<std::string> args;
+  std::string place;
+  std::string toml;
 };
 
 // Where each option taken from a file was set: long name -> "FILE:LINE: key 'K'".

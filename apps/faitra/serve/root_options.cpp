@@ -34,54 +34,50 @@ void add_root_options(CLI::App& app, root_settings& s) {
                  "Subdirectories are not followed")
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
-      ->check(CLI::ExistingDirectory);
+      ->check(CLI::ExistingDirectory)
+      ->group(ROOT_OPTIONS_GROUP);
   app.add_option("--trigger", s.trigger,
                  "Fraction of the file system in use (0 to 1) at which the automatic cleanup starts")
       ->capture_default_str()
-      ->check(number_value(0.0, 1.0));
+      ->check(number_value(0.0, 1.0))
+      ->group(ROOT_OPTIONS_GROUP);
   app.add_option("--stop", s.stop,
                  "Fraction in use below which the automatic cleanup stops deleting; 0 < stop <= trigger <= 1")
       ->capture_default_str()
-      ->check(number_value(0.0, 1.0));
+      ->check(number_value(0.0, 1.0))
+      ->group(ROOT_OPTIONS_GROUP);
   app.add_flag("--no-auto-cleanup", s.no_auto_cleanup,
-               "Never delete captures by disk usage (age and metadata cleanups on request still work)");
+               "Never delete captures by disk usage (age and metadata cleanups on request still work)")
+      ->group(ROOT_OPTIONS_GROUP);
   app.add_option("--suffix", s.suffixes,
                  "File name ending of a capture; repeat for several (default: .pcap and .pcapng)")
       ->check(suffix_value())
       ->expected(1)
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+      ->group(ROOT_OPTIONS_GROUP);
   app.add_option("--metadata-cleanup-cmd", s.metadata_cleanup_cmd,
                  "Command that deletes the metadata kept elsewhere about a time range. It is split on spaces "
                  "(no shell, no quoting) and run with the range's start and end in nanoseconds appended as two "
                  "more arguments. Exit status 0 is success; otherwise its standard error is the error text. "
-                 "Without it, there is no metadata to clean");
+                 "Without it, there is no metadata to clean")
+      ->group(ROOT_OPTIONS_GROUP);
   app.add_option("--reset-disk-cache-cmd", s.reset_disk_cache_cmd,
                  "Command (split on spaces, no shell, no arguments added) run before the cleanup reads the disk "
-                 "figures; exit status 0 is success. Without it, nothing is refreshed");
+                 "figures; exit status 0 is success. Without it, nothing is refreshed")
+      ->group(ROOT_OPTIONS_GROUP);
   app.add_option("--max-age", s.max_age,
                  "Delete captures created longer ago than this (7d, 12h, 1h30m, or seconds), checked at start "
-                 "and every minute through the age cleanup of files (default: no limit by age)");
+                 "and every minute through the age cleanup of files (default: no limit by age)")
+      ->group(ROOT_OPTIONS_GROUP);
   app.add_option("--hard-limit", s.hard_limit,
                  "Fraction in use (above --trigger, below 1) at which the oldest captures are deleted at once, "
                  "without the automatic cleanup's pauses, until usage is under it; off to disable (default: "
-                 "0.97 while the automatic cleanup is on with a lower trigger, otherwise off)");
+                 "0.97 while the automatic cleanup is on with a lower trigger, otherwise off)")
+      ->group(ROOT_OPTIONS_GROUP);
   app.add_option("--hold-dir", s.hold_dir,
                  "Directory for evidence holds, on the captures' file system and outside the watched "
-                 "directories (default: ROOT/.faitra-holds)");
-}
-
-const std::set<std::string>& root_option_names() {
-  static const std::set<std::string> names = [] {
-    CLI::App app;
-    root_settings unused;
-    add_root_options(app, unused);
-    std::set<std::string> out;
-    for (const CLI::Option* opt : app.get_options()) {
-      if (!opt->get_lnames().empty() && opt->get_lnames().front() != "help") out.insert(opt->get_lnames().front());
-    }
-    return out;
-  }();
-  return names;
+                 "directories (default: ROOT/.faitra-holds)")
+      ->group(ROOT_OPTIONS_GROUP);
 }
 
 root_settings apply_root_table(root_settings global, const root_table& table) {

@@ -10,11 +10,11 @@
 // Thread-safety: pure functions, run before anything starts.
 #pragma once
 
+#include "serve/config_file.hpp"
 #include <faitra/host/daemon.hpp>
 
 #include <CLI/CLI.hpp>
 
-#include <set>
 #include <string>
 #include <vector>
 
@@ -33,20 +33,10 @@ struct root_settings {
   std::string hold_dir;
 };
 
-// One `[[root]]` table: its path, its options as command-line arguments,
-// and where it is in the file ("FILE:LINE").
-struct root_table {
-  std::string path;
-  std::vector<std::string> args;
-  std::string place;
-  std::string toml;  // the table's keys as TOML lines, for --check-config
-};
 
-// Registers the per-root options on `app`, bound to `settings`.
+// Registers the per-root options on `app`, bound to `settings`, in the
+// group ROOT_OPTIONS_GROUP.
 void add_root_options(CLI::App& app, root_settings& settings);
-
-// The long names of the per-root options ("trigger", "suffix", ...).
-const std::set<std::string>& root_option_names();
 
 // `global` with the options of `table` applied; raises std::invalid_argument
 // naming the table's place when a value is refused.
