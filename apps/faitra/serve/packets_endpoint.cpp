@@ -104,8 +104,10 @@ void install_packets_route(httplib::Server& server, const http_api& api, unsigne
     request.filter = query.filter;
     request.limit_packets = query.limit_packets;
     request.limit_bytes = query.limit_bytes;
-    s->what = "[" + std::to_string(request.start_ns) + ", " + std::to_string(request.end_ns) + "]" +
-              (request.filter.empty() ? std::string() : " '" + request.filter + "'");
+    // Appended piece by piece: GCC 12's -Wrestrict misfires on "[" + text at -O3.
+    s->what = "[";
+    s->what += std::to_string(request.start_ns) + ", " + std::to_string(request.end_ns) + "]";
+    if (!request.filter.empty()) s->what += " '" + request.filter + "'";
     try {
       std::vector<csl::fs_cache*> caches;
       for (capture_daemon* d : roots) caches.push_back(&d->cache());
