@@ -222,6 +222,11 @@ capture_daemon::capture_daemon(daemon_options options)
       _reconciler->derive_with([deriver](csl::fs_entry& record) { deriver->overlay(record); },
                                [deriver](const std::string& path) { deriver->submit(path); });
     }
+    // Links made from here on are caught live; earlier ones by the first
+    // reconcile, which starts after it.
+    _links = std::make_unique<link_watcher>(*_tracker_listeners, _options.watch, _filter,
+                                            [this] { _reconciler->request(std::chrono::milliseconds(0)); },
+                                            _tracker_log.get());
     _holds = std::make_unique<hold_registry>(_options.hold_dir, *_options.watch.begin(), _cache, _log.get());
     _runtime.start();
     _jobs = std::make_unique<job_runner>(_log.get());
@@ -285,6 +290,7 @@ void capture_daemon::shutdown() {
   if (_jobs) _jobs->stop();
   if (_reconciler) _reconciler->stop();
   if (_deriver) _deriver->stop();
+  if (_links) _links->stop();
   _runtime.stop();
   if (_tracker) _tracker->stop_monitoring();
   _tracker_listeners.reset();
@@ -296,6 +302,7 @@ void capture_daemon::shutdown() {
   _cache.reset();
   _reconciler.reset();
   _deriver.reset();
+  _links.reset();
   _export.reset();
   _jobs.reset();
   _history_seen.store(nullptr);

@@ -31,6 +31,7 @@
 #include <faitra/host/cleanup_history.hpp>
 #include <faitra/host/catalogue_export.hpp>
 #include <faitra/host/daemon_command.hpp>
+#include <faitra/host/link_watcher.hpp>
 #include <faitra/host/metadata_deriver.hpp>
 #include <faitra/host/hard_limit.hpp>
 #include <faitra/host/holds.hpp>
@@ -192,6 +193,7 @@ class capture_daemon {
   std::atomic<long> _last_reset_request{std::numeric_limits<long>::min() / 2};  // steady seconds
   std::unique_ptr<reconciler> _reconciler;
   std::unique_ptr<metadata_deriver> _deriver;  // outlives the tracker's listener group
+  std::unique_ptr<link_watcher> _links;        // stops before the tracker's listener group
   std::unique_ptr<catalogue_export> _export;
   std::unique_ptr<job_runner> _jobs;
   std::unique_ptr<cleanup_history> _history;
