@@ -109,7 +109,10 @@ hold hold_registry::add(const hold_request& request, uint64_t now_ns, std::vecto
 std::string hold_registry::link(hold& h, const csl::fs_entry& record) {
   const std::string hold_dir = _dir + "/" + std::to_string(h.id);
   std::string target = hold_dir + "/" + base_name(record.path);
-  for (unsigned n = 1; ::link(record.path.c_str(), target.c_str()) != 0; ++n) {
+  // Through a symbolic link to the file it names: the hold keeps the bytes,
+  // not a link that a cleanup of its target would leave dangling.
+  for (unsigned n = 1; ::linkat(AT_FDCWD, record.path.c_str(), AT_FDCWD, target.c_str(), AT_SYMLINK_FOLLOW) != 0;
+       ++n) {
     const int error = errno;
     if (error == EXDEV) return "the hold directory is on another file system than the capture";
     if (error != EEXIST || n > 1000) return "cannot link it into " + hold_dir + ": " + errno_text(error);

@@ -1,5 +1,6 @@
 #include <faitra/host/metadata_deriver.hpp>
 
+#include <faitra/host/reconcile.hpp>
 #include <faitra/host/scan_tasks.hpp>
 
 #include <sys/stat.h>
@@ -141,7 +142,17 @@ void metadata_deriver::thread_body() {
 
 void metadata_deriver::derive(const std::string& path) {
   const attribute_values before = read_capture_attributes(path);
-  if (before.complete() && before.malformed.empty()) return;  // a writer got there first
+  if (before.complete() && before.malformed.empty()) {
+    // A writer, or the derivation of another name of the same file (a hard
+    // link, a symbolic link's target), got there first: the record takes
+    // the file's values, as a rename-in's would.
+    struct stat status {};
+    if (::stat(path.c_str(), &status) != 0) return;
+    cdl::task_ptr<cdl::task> task(cdl::memory_pool<derived_task>::make(
+        path, before, static_cast<unsigned long>(status.st_size), true));
+    _group.task_channel(0).push(std::move(task), static_cast<unsigned long>(-1), false);
+    return;
+  }
 
   summary_options options;
   options.cancel = &_cancel;
@@ -215,7 +226,12 @@ void metadata_deriver::handle(cdl::task_ptr<derived_task>& task) {
   values.apply_to(updated);
   updated.file_size = task->size;
   updated.deletion.store(record.deletion.load());
+  if (task->read && same_metadata(updated, record)) return;  // nothing new
   if (_cache->update(updated)) {
+    if (task->read) {
+      _counters.attributes_read.fetch_add(1);
+      return;
+    }
     _counters.derived.fetch_add(1);
     if (_log != nullptr) {
       _log->debug("Derived %s: key %s, packets %lu-%lu", task->path, *values.key,

@@ -66,8 +66,12 @@ struct derive_counters {
 // The task that brings a derivation's result onto the tracker's channel.
 class derived_task : public cdl::task {
  public:
-  derived_task(std::string path, attribute_values values, unsigned long size)
-      : cdl::task(static_cast<unsigned long>(-1)), path(std::move(path)), values(std::move(values)), size(size) {}
+  derived_task(std::string path, attribute_values values, unsigned long size, bool read = false)
+      : cdl::task(static_cast<unsigned long>(-1)),
+        path(std::move(path)),
+        values(std::move(values)),
+        size(size),
+        read(read) {}
   ~derived_task() override;
   const cdl::task_type& type() const override;
   const std::string& name() const override;
@@ -76,6 +80,7 @@ class derived_task : public cdl::task {
   std::string path;
   attribute_values values;
   unsigned long size;  // the file's size when it was read
+  bool read;           // the values were on the file already (another name of it was derived first)
 };
 
 class metadata_deriver {
