@@ -56,6 +56,7 @@ TEST(DaemonHttp, RequestsAreReadAsHttpSaysAndTheTokenReloadsOnSighup) {
       {request("GET /v1/status", "Authorization: bearer s3cret\r\n"), 200},
       {request("GET /v1/status", "AUTHORIZATION: BEARER s3cret\r\n"), 200},
       {request("GET /v1/status", auth + auth), 400},
+      {request("GET /v1/status", std::string("Authorization: Bearer s3cret\0x\r\n", 32)), 400},
       {request("GET /v1/status", "Authorization: Bearer s3cre\r\n"), 401},
       {request("GET /v1/status", "Authorization: Basic s3cret\r\n"), 401},
       {request("GET /v1/status", ""), 401},

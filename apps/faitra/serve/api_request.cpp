@@ -236,6 +236,7 @@ void check_authorization(const std::vector<std::string>& headers, const std::str
   const api_error refused(401, "missing or wrong bearer token");
   if (headers.empty()) throw refused;
   const std::string& value = headers.front();
+  if (value.find('\0') != std::string::npos) throw api_error(400, "the Authorization header holds a NUL byte");
   const std::string scheme = "bearer";
   if (value.size() <= scheme.size() || value[scheme.size()] != ' ') throw refused;
   for (size_t i = 0; i < scheme.size(); ++i) {

@@ -184,9 +184,9 @@ api_handler http_api::guarded(api_handler h) const {
     try {
       if (const std::optional<std::string> expected = token()) {
         std::vector<std::string> headers;
-        for (size_t i = 0; i < req.get_header_value_count("Authorization"); ++i) {
-          headers.push_back(req.get_header_value("Authorization", i));
-        }
+        // The values whole: get_header_value() would end one at a NUL byte.
+        const auto [first, last] = req.headers.equal_range("Authorization");
+        for (auto it = first; it != last; ++it) headers.push_back(it->second);
         try {
           check_authorization(headers, *expected);
         } catch (const api_error& e) {
