@@ -1,20 +1,22 @@
 """Writes docs/performance.md and its plots from the results of bench/run.py."""
 import os
-import statistics
-import subprocess
-import tempfile
 
 import fleet
+from plots import plot_freshness, plot_scan, plot_throughput
 
 TARGETS = {
-    "scan_vs_floor": 1.3,      # at most
-    "python_vs_scan": 1.3,     # at least
-    "by_path_ns": 1000,        # under
-    "by_time_ns": 20000,       # under
-    "inserts_per_s": 500000,   # at least
-    "bytes_per_record": 640,   # at most
-    "p50_us": 6000,            # at most
-    "p99_us": 15000,           # at most
+    "library_vs_floor": 1.15,   # at most
+    "command_vs_floor": 1.3,    # at most
+    "python_vs_scan": 1.3,      # at least
+    "by_path_ns": 1000,         # under
+    "by_time_ns": 20000,        # under
+    "inserts_per_s": 1000000,   # at least
+    "bytes_per_record": 450,    # at most
+    "p50_us": 4650,             # at most: the figure before the B-tree catalogue
+    "p99_us": 10100,            # at most: likewise
+    "by_path_vs_plain": 0.35,   # at most
+    "by_time_vs_plain": 0.6,    # at most
+    "insert_vs_plain": 0.7,     # at most
 }
 
 
@@ -26,92 +28,9 @@ def fmt(s, scale=1.0, digits=2, unit=""):
 
 
 def verdict(ok):
+    if ok is None:
+        return ""
     return "holds" if ok else "**missed**"
-
-
-def gnuplot(script):
-    with tempfile.NamedTemporaryFile("w", suffix=".gp", delete=False) as f:
-        f.write(script)
-        name = f.name
-    try:
-        subprocess.run(["gnuplot", name], check=True)
-    finally:
-        os.unlink(name)
-
-
-def plot_scan(results, docs):
-    rows = []
-    for n, r in sorted(results["scan"].items(), key=lambda kv: int(kv[0])):
-        w = r["wall"]
-        rows.append(f"{n} {w['floor']['median']} {w['library']['median']} {w['faitra scan']['median']} "
-                    f"{w['python']['median']}")
-    data = "\n".join(rows)
-    gnuplot(f"""set terminal pngcairo noenhanced size 800,480
-set output '{docs}/perf-scan.png'
-set title 'Start-up scan, hot cache (median wall time)'
-set xlabel 'captures'
-set ylabel 'seconds'
-set logscale xy
-set key top left
-set grid
-$d << EOD
-{data}
-EOD
-plot $d using 1:2 with linespoints title 'floor (C, syscalls only)', \\
-     $d using 1:3 with linespoints title 'library (fs_tracker into fs_cache)', \\
-     $d using 1:4 with linespoints title 'faitra scan > /dev/null', \\
-     $d using 1:5 with linespoints title 'Python os.scandir/stat/getxattr'
-""")
-
-
-def plot_freshness(results, docs):
-    latencies = results["freshness"]["latencies_us"]
-    data = "\n".join(f"{x / 1000.0:.3f}" for x in latencies)
-    gnuplot(f"""set terminal pngcairo noenhanced size 800,480
-set output '{docs}/perf-freshness.png'
-set title 'Freshness: final close to visible through by_path ({len(latencies)} captures)'
-set xlabel 'milliseconds (1 ms bins; the 10 ms poll is the floor)'
-set ylabel 'captures'
-set style fill solid 0.6
-set boxwidth 0.9 relative
-set xrange [0:25]
-set grid ytics
-bin(x) = floor(x) + 0.5
-$d << EOD
-{data}
-EOD
-plot $d using (bin($1)):(1.0) smooth frequency with boxes notitle
-""")
-
-
-def plot_throughput(results, docs):
-    rows = []
-    for key, r in results["throughput"].items():
-        if r["fs"] != "tmpfs":
-            continue
-        rows.append(f"{r['rate_tried']} {r['achieved_rate']['median']} {r['lost']['median']}")
-    data = "\n".join(sorted(rows, key=lambda line: float(line.split()[0])))
-    most_lost = max(float(line.split()[2]) for line in rows)
-    y2_top = most_lost * 1.2 if most_lost > 0 else 10
-    gnuplot(f"""set terminal pngcairo noenhanced size 800,480
-set output '{docs}/perf-throughput.png'
-set title 'Event throughput on tmpfs (median of runs)'
-set xlabel 'captures per second tried'
-set ylabel 'captures per second'
-set y2label 'captures lost'
-set logscale x
-set y2range [0:{y2_top}]
-set ytics nomirror
-set y2tics
-set key top left
-set grid
-$d << EOD
-{data}
-EOD
-plot $d using 1:1 with lines dt 2 title 'rate tried', \\
-     $d using 1:2 with linespoints title 'rate the writer achieved', \\
-     $d using 1:3 axes x1y2 with linespoints title 'lost (right axis)'
-""")
 
 
 PACKETS_HEADING = "## 9. Packets for a time window"
@@ -244,13 +163,15 @@ def write(results, docs, quick=False):
     cli_ratio = ratio(s100, "wall", "faitra scan")
     py_vs_lib = s100["wall"]["python"]["median"] / s100["wall"]["library"]["median"]
     py_vs_cli = s100["wall"]["python"]["median"] / s100["wall"]["faitra scan"]["median"]
+    t = TARGETS
     summary_rows = [
-        ("library scan / floor, 100,000 captures", "at most 1.3", f"{lib_ratio:.2f} "
-         f"(CPU {ratio(s100, 'cpu', 'library'):.2f})", lib_ratio <= 1.3),
-        ("`faitra scan` / floor, 100,000 captures", "at most 1.3", f"{cli_ratio:.2f} "
-         f"(CPU {ratio(s100, 'cpu', 'faitra scan'):.2f})", cli_ratio <= 1.3),
-        ("Python script / library scan", "at least 1.3", f"{py_vs_lib:.2f}", py_vs_lib >= 1.3),
-        ("Python script / `faitra scan`", "at least 1.3", f"{py_vs_cli:.2f}", py_vs_cli >= 1.3),
+        ("library scan / floor, 100,000 captures", f"at most {t['library_vs_floor']}", f"{lib_ratio:.2f} "
+         f"(CPU {ratio(s100, 'cpu', 'library'):.2f})", lib_ratio <= t["library_vs_floor"]),
+        ("`faitra scan DIR > /dev/null` / floor, 100,000 captures", f"at most {t['command_vs_floor']}",
+         f"{cli_ratio:.2f} (CPU {ratio(s100, 'cpu', 'faitra scan'):.2f})", cli_ratio <= t["command_vs_floor"]),
+        ("Python script / library scan", f"at least {t['python_vs_scan']}", f"{py_vs_lib:.2f}",
+         py_vs_lib >= t["python_vs_scan"]),
+        ("Python script / `faitra scan`", "(no target)", f"{py_vs_cli:.2f}", None),
     ]
     idx = results["index"]
     by_path = idx["by_path_at_1m"]["cpu_ns"]["median"]
@@ -259,13 +180,25 @@ def write(results, docs, quick=False):
     mem = results["memory"]["bytes_per_record"]["median"]
     fr = results["freshness"]
     tp5 = results["throughput"]["tmpfs:5000"]
+    cmp = results["comparison"]
     summary_rows += [
-        ("by_path at 1M (CPU time)", "under 1 us", f"{by_path:.0f} ns", by_path < 1000),
-        ("by_time, 100 records, at 1M (CPU time)", "under 20 us", f"{by_time / 1000:.1f} us", by_time < 20000),
-        ("insert at 1M (CPU time)", "at least 500,000/s", f"{inserts:,.0f}/s", inserts >= 500000),
-        ("memory per record at 1M", "at most 640 B", f"{mem:.0f} B", mem <= 640),
-        ("freshness p50", "at most 6 ms", f"{fr['p50_us']['median'] / 1000:.2f} ms", fr["p50_us"]["median"] <= 6000),
-        ("freshness p99", "at most 15 ms", f"{fr['p99_us']['median'] / 1000:.2f} ms", fr["p99_us"]["median"] <= 15000),
+        ("by_path at 1M (CPU time)", "under 1 us", f"{by_path:.0f} ns", by_path < t["by_path_ns"]),
+        ("by_time, 100 records, at 1M (CPU time)", "under 20 us", f"{by_time / 1000:.1f} us",
+         by_time < t["by_time_ns"]),
+        ("insert at 1M (CPU time)", "at least 1,000,000/s", f"{inserts:,.0f}/s", inserts >= t["inserts_per_s"]),
+        ("memory per record at 1M", f"at most {t['bytes_per_record']} B", f"{mem:.0f} B",
+         mem <= t["bytes_per_record"]),
+        ("freshness p50", "unchanged or better (4.65 ms)", f"{fr['p50_us']['median'] / 1000:.2f} ms",
+         fr["p50_us"]["median"] <= t["p50_us"]),
+        ("freshness p99", "unchanged or better (10.10 ms)", f"{fr['p99_us']['median'] / 1000:.2f} ms",
+         fr["p99_us"]["median"] <= t["p99_us"]),
+    ]
+    for op, label in (("by_path", "by_path"), ("by_time", "by_time (100)"), ("insert", "insert")):
+        r = cmp[op]["ratio"]
+        summary_rows.append((f"{label} / plain standard containers, same records, same process",
+                             f"at most {t[op + '_vs_plain']}", f"{r['median']:.2f} ({r['min']:.2f}-{r['max']:.2f})",
+                             r["median"] <= t[op + "_vs_plain"]))
+    summary_rows += [
         ("loss at 5,000 captures/s (tmpfs)", "none", f"{tp5['lost']['max']:.0f} lost, writer reached "
          f"{tp5['achieved_rate']['median']:,.0f}/s", tp5["lost"]["max"] == 0 and
          tp5["achieved_rate"]["median"] >= 4900),
@@ -283,6 +216,8 @@ def write(results, docs, quick=False):
         ]
     if "packets" in results:
         summary_rows += packets_targets(results["packets"])
+    if "fleet" in results:
+        summary_rows += fleet.targets(results["fleet"])
     p("## Targets")
     p("")
     p("| measure | target | this run | |")
@@ -322,20 +257,8 @@ def write(results, docs, quick=False):
     p("![scan time against N](perf-scan.png)")
     p("")
     p(report_text("scan"))
-    prof = results.get("profile")
-    if prof:
-        p("")
-        p("perf profile of `lib_scan` over 100,000 captures (share of samples):")
-        p("")
-        p("| object | share |")
-        p("|---|---|")
-        for percent, name in prof["dso"]:
-            p(f"| {name} | {percent:.1f} % |")
-        p("")
-        p("| object, symbol | share |")
-        p("|---|---|")
-        for percent, name in prof["symbols"]:
-            p(f"| `{name.replace(' - -', '').strip()}` | {percent:.1f} % |")
+    profiles = results.get("profile") or {}
+    write_profile(p, profiles.get("scan"), "`lib_scan` over 100,000 captures")
     p("")
 
     p("## 2. Index operations at 1,000,000 records")
@@ -373,7 +296,29 @@ def write(results, docs, quick=False):
     p(f"Building the 1M catalogue from empty (memory benchmark): "
       f"{fmt(results['memory']['inserts_per_s'], digits=0)} inserts/s.")
     p("")
+    p("### Against the plain standard containers")
+    p("")
+    p("Reproduce: `build/bench/bench/plain_comparison 1000000 7`. Both catalogues hold the same 1M shared records, "
+      "inserted in the same random order, in one process; each round times both in turn (alternating which goes "
+      "first) on the thread's CPU clock: by_path of 100,000 random paths, 2,000 by_time queries of 100 records, "
+      "10,000 inserts beyond 1M. The plain catalogue (`bench/plain_catalogue.hpp`) is `std::map` by path, "
+      "`std::multimap` by each timestamp and `std::unordered_map` by key over shared records, behind a "
+      "`std::shared_mutex`.")
+    p("")
+    p("| operation | fs_cache per operation | plain per operation | fs_cache / plain |")
+    p("|---|---|---|---|")
+    for op, label in (("by_path", "by_path"), ("by_time", "by_time (100 records)"), ("insert", "insert")):
+        r = results["comparison"][op]
+        p(f"| {label} | {fmt(r['faitra_ns'], digits=0, unit=' ns')} | {fmt(r['plain_ns'], digits=0, unit=' ns')} | "
+          f"{fmt(r['ratio'])} |")
+    p("")
     p(report_text("index"))
+    p("")
+    write_profile(p, profiles.get("by_path_at_1m"), "`cache_bench` running by_path at 1M records "
+                  "(the 1M-record build included)")
+    p("")
+    write_profile(p, profiles.get("by_time_100_at_1m"), "`cache_bench` running by_time (100 records) at 1M "
+                  "records (the 1M-record build included)")
     p("")
 
     p("## 3. Memory per catalogued capture")
@@ -492,6 +437,23 @@ def hard_limit_section(results, separate_run=False):
                      f"{r['lost_mib']['max']:.0f} MiB | {fmt(r['hard_limit_deletions'], digits=0)} |")
     lines += ["", report_text("hard_limit"), ""]
     return lines
+
+
+def write_profile(p, prof, what):
+    if not prof:
+        return
+    p("")
+    p(f"perf profile of {what} (share of samples):")
+    p("")
+    p("| object | share |")
+    p("|---|---|")
+    for percent, name in prof["dso"]:
+        p(f"| {name} | {percent:.1f} % |")
+    p("")
+    p("| object, symbol | share |")
+    p("|---|---|")
+    for percent, name in prof["symbols"]:
+        p(f"| `{name.replace(' - -', '').strip()}` | {percent:.1f} % |")
 
 
 def report_text(section):

@@ -2,6 +2,7 @@
 """Runs every benchmark of bench/ and writes docs/performance.md with its plots.
 
     bench/run.py [--build build/bench] [--docs docs] [--quick] [--only packets|hard-limit|fleet]
+                 [--fleet-captures N]
 
 The scan's capture directories ($TMPDIR/faitra-bench-captures-N) are written
 once and kept for later runs; `--clean-data` removes them. Each benchmark
@@ -126,6 +127,19 @@ def index_operations(tools, repetitions, min_time):
     return results
 
 
+def comparison(tools, rounds):
+    """fs_cache against the plain standard containers, same records, one
+    process: per round, the ratio of fs_cache's time to the plain one's."""
+    log(f"fs_cache against the plain standard containers at 1M records, {rounds} rounds")
+    r = run_json([tools["plain_comparison"], "1000000", str(rounds)])
+    result = {}
+    for op in ("by_path", "by_time", "insert"):
+        faitra, plain = r[op]["faitra_ns"], r[op]["plain_ns"]
+        result[op] = {"ratio": summary([f / p for f, p in zip(faitra, plain)]),
+                      "faitra_ns": summary(faitra), "plain_ns": summary(plain)}
+    return result
+
+
 def memory(tools, repetitions):
     log("memory per record at 1M records")
     runs = [run_json([tools["memory_bench"], "1000000"]) for _ in range(repetitions)]
@@ -225,16 +239,14 @@ def update_section(docs, title, lines):
         f.write("\n".join(text))
 
 
-def profile(tools):
-    """perf profile of the library-level scan of 100,000 captures: share of
-    samples in the kernel and in user space, and the top user symbols."""
+def perf_profile(command, symbols=15):
+    """perf profile of `command`: share of samples per object and the top
+    symbols, or None without perf."""
     if shutil.which("perf") is None:
         return None
-    directory = capture_dir(tools, 100000)
     data = os.path.join(tempfile.mkdtemp(prefix="faitra-perf-"), "perf.data")
     try:
-        timed([tools["lib_scan"], directory])
-        record = subprocess.run(["perf", "record", "-q", "-o", data, tools["lib_scan"], directory],
+        record = subprocess.run(["perf", "record", "-q", "-o", data] + command,
                                 stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         if record.returncode != 0:
             return None
@@ -250,7 +262,7 @@ def profile(tools):
                 percent, rest = line.split("%", 1)
                 rows.append((float(percent), " ".join(rest.split())[:110]))
             return rows
-        return {"dso": perf_report("dso"), "symbols": perf_report("dso,symbol")[:15]}
+        return {"dso": perf_report("dso"), "symbols": perf_report("dso,symbol")[:symbols]}
     finally:
         shutil.rmtree(os.path.dirname(data), ignore_errors=True)
 
@@ -419,6 +431,18 @@ def packets(tools, repetitions):
     return result
 
 
+def profiles(tools):
+    """Where the time goes: the library scan of 100,000 captures, and the
+    two read paths at 1M records."""
+    directory = capture_dir(tools, 100000)
+    timed([tools["lib_scan"], directory])
+    result = {"scan": perf_profile([tools["lib_scan"], directory])}
+    for name in ("by_path_at_1m", "by_time_100_at_1m"):
+        result[name] = perf_profile([tools["cache_bench"], f"--benchmark_filter=^{name}$",
+                                     "--benchmark_min_time=5"], symbols=12)
+    return result
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--build", default="build/bench")
@@ -427,9 +451,17 @@ def main():
     parser.add_argument("--clean-data", action="store_true", help="remove the kept capture directories and exit")
     parser.add_argument("--only", choices=["hard-limit", "packets", "fleet"],
                         help="run one benchmark and replace only its section of performance.md")
+    parser.add_argument("--fleet-captures", type=int, default=1000000,
+                        help="captures of the resync and of each sensor in `fleet ls` (the targets are at 1M)")
+    parser.add_argument("--report-only", action="store_true",
+                        help="write docs/performance.md again from BUILD/bench-results.json, measuring nothing")
     args = parser.parse_args()
+    if args.report_only:
+        with open(os.path.join(args.build, "bench-results.json")) as f:
+            report.write(json.load(f), args.docs, quick=args.quick)
+        return
     if args.only == "fleet":
-        fleet_results = fleet.run(args.build, args.quick)
+        fleet_results = fleet.run(args.build, args.quick, args.fleet_captures)
         with open(os.path.join(args.build, "bench-results-fleet.json"), "w") as f:
             json.dump(fleet_results, f, indent=1)
         fleet.replace_section(os.path.join(args.docs, "performance.md"), fleet.section(fleet_results))
@@ -441,8 +473,9 @@ def main():
             shutil.rmtree(os.path.join(tempfile.gettempdir(), name), ignore_errors=True)
         return
     tools = {name: os.path.join(args.build, "bench", name) for name in
-             ("make_captures", "scan_floor", "lib_scan", "cache_bench", "memory_bench", "freshness_bench",
-              "throughput_bench", "cleanup_bench", "derive_bench", "hard_limit_bench", "packets_bench")}
+             ("make_captures", "scan_floor", "lib_scan", "cache_bench", "plain_comparison", "memory_bench",
+              "freshness_bench", "throughput_bench", "cleanup_bench", "derive_bench", "hard_limit_bench",
+              "packets_bench")}
     tools["faitra"] = os.path.join(args.build, "apps", "faitra")
     reps = 2 if args.quick else 5
     if args.only == "hard-limit":
@@ -461,19 +494,28 @@ def main():
         return
     results = {"load_before": os.getloadavg(), "started": time.strftime("%Y-%m-%d %H:%M:%S UTC", time.gmtime()),
                "cpus": os.cpu_count(), "kernel": os.uname().release}
-    results["scan"] = scan(tools, [10000, 100000], reps)
-    results["index"] = index_operations(tools, reps, 0.2)
-    results["memory"] = memory(tools, 3 if not args.quick else 1)
-    results["freshness"] = freshness(tools, 3 if not args.quick else 1, 1000 if not args.quick else 200)
-    results["throughput"] = throughput(tools, [1000, 5000, 20000], 2, 3 if not args.quick else 1)
-    results["cleanup"] = cleanup(tools, reps, not args.quick)
-    results["derivation"] = derivation(tools, 3 if not args.quick else 1, args.quick)
-    results["hard_limit"] = hard_limit(tools, 1 if args.quick else 3, 10 if args.quick else 20)
-    results["packets"] = packets(tools, reps)
-    results["profile"] = profile(tools)
-    results["fleet"] = fleet.run(args.build, args.quick)
+    results_file = os.path.join(args.build, "bench-results.json")
+    stages = [
+        ("scan", lambda: scan(tools, [10000, 100000], reps)),
+        ("index", lambda: index_operations(tools, reps, 0.2)),
+        ("comparison", lambda: comparison(tools, 7 if not args.quick else 3)),
+        ("memory", lambda: memory(tools, 3 if not args.quick else 1)),
+        ("freshness", lambda: freshness(tools, 3 if not args.quick else 1, 1000 if not args.quick else 200)),
+        ("throughput", lambda: throughput(tools, [1000, 5000, 20000], 2, 3 if not args.quick else 1)),
+        ("cleanup", lambda: cleanup(tools, reps, not args.quick)),
+        ("derivation", lambda: derivation(tools, 3 if not args.quick else 1, args.quick)),
+        ("hard_limit", lambda: hard_limit(tools, 1 if args.quick else 3, 10 if args.quick else 20)),
+        ("packets", lambda: packets(tools, reps)),
+        ("profile", lambda: profiles(tools)),
+        ("fleet", lambda: fleet.run(args.build, args.quick, args.fleet_captures)),
+    ]
+    for name, stage in stages:
+        results[name] = stage()
+        # Written after every stage, so a run that fails late keeps what it measured.
+        with open(results_file, "w") as f:
+            json.dump(results, f, indent=1)
     results["load_after"] = os.getloadavg()
-    with open(os.path.join(args.build, "bench-results.json"), "w") as f:
+    with open(results_file, "w") as f:
         json.dump(results, f, indent=1)
     report.write(results, args.docs, quick=args.quick)
     log(f"wrote {os.path.join(args.docs, 'performance.md')}")
