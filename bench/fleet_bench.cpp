@@ -76,7 +76,7 @@ int sync(const server& s, unsigned long n) {
 
   // The floor: the same rows as COPY text into a copy of the table.
   std::string text;
-  for (const auto& [path, e] : catalogue->path_cache()) {
+  for (const auto& e : catalogue->path_cache()) {
     text += "bench\t/srv/pcap\t" + e->path + "\t" + *e->key + "\t" + std::to_string(e->creation_ts) + "\t" +
             std::to_string(*e->start_ts) + "\t" + std::to_string(*e->end_ts) + "\t" + std::to_string(e->file_size) +
             "\n";
