@@ -83,8 +83,11 @@ def run(build, quick, captures=1000000):
     server = Server()
     try:
         def bench(*args):
-            return json.loads(subprocess.run([tool, server.conninfo, server.password_file, *map(str, args)],
-                                             check=True, stdout=subprocess.PIPE).stdout)
+            # The daemon of `lag` logs its warnings to standard output too; the
+            # result is the last line.
+            out = subprocess.run([tool, server.conninfo, server.password_file, *map(str, args)],
+                                 check=True, stdout=subprocess.PIPE, text=True).stdout
+            return json.loads(out.strip().splitlines()[-1])
         reps = 1 if quick else 3
         log(f"fleet: resync of {captures:,} captures x {reps}")
         sync = [bench("sync", captures) for _ in range(reps)]

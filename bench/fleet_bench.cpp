@@ -202,7 +202,9 @@ int lag(const server& s, unsigned long rate, unsigned long seconds) {
   std::vector<double> lags_ms;
   for (const auto& [path, at] : closed) {
     const auto found = arrivals.find(path);
-    if (found != arrivals.end()) lags_ms.push_back(static_cast<double>(found->second - at) / 1e6);
+    if (found == arrivals.end()) continue;
+    // A row can arrive before the writer stamped its close (descheduled in between): 0.
+    lags_ms.push_back(found->second > at ? static_cast<double>(found->second - at) / 1e6 : 0.0);
   }
   const export_status st = daemon.exporter()->status();
   std::printf("{\"captures\": %lu, \"achieved_rate\": %.1f, \"missed\": %lu, \"p50_ms\": %.2f, \"p99_ms\": %.2f, "

@@ -259,6 +259,7 @@ def write(results, docs, quick=False):
     p(report_text("scan"))
     profiles = results.get("profile") or {}
     write_profile(p, profiles.get("scan"), "`lib_scan` over 100,000 captures")
+    write_profile(p, profiles.get("command"), "`faitra scan` over 100,000 captures (output to /dev/null)")
     p("")
 
     p("## 2. Index operations at 1,000,000 records")

@@ -432,11 +432,12 @@ def packets(tools, repetitions):
 
 
 def profiles(tools):
-    """Where the time goes: the library scan of 100,000 captures, and the
-    two read paths at 1M records."""
+    """Where the time goes: the library scan and `faitra scan` of 100,000
+    captures, and the two read paths at 1M records."""
     directory = capture_dir(tools, 100000)
     timed([tools["lib_scan"], directory])
-    result = {"scan": perf_profile([tools["lib_scan"], directory])}
+    result = {"scan": perf_profile([tools["lib_scan"], directory]),
+              "command": perf_profile([tools["faitra"], "scan", directory])}
     for name in ("by_path_at_1m", "by_time_100_at_1m"):
         result[name] = perf_profile([tools["cache_bench"], f"--benchmark_filter=^{name}$",
                                      "--benchmark_min_time=5"], symbols=12)
