@@ -154,6 +154,14 @@ void metadata_deriver::derive(const std::string& path) {
     return;
   }
 
+  struct stat seen {};
+  if (::stat(path.c_str(), &seen) != 0) return;
+  const std::pair<uint64_t, uint64_t> version{static_cast<uint64_t>(seen.st_size),
+                                              static_cast<uint64_t>(seen.st_mtim.tv_sec) * 1000000000ULL +
+                                                  static_cast<uint64_t>(seen.st_mtim.tv_nsec)};
+  const auto known = _unusable.find(path);
+  if (known != _unusable.end() && known->second == version) return;  // unchanged since it was found unusable
+
   summary_options options;
   options.cancel = &_cancel;
   const capture_summary summary = summarise_capture(path, options);
@@ -164,6 +172,8 @@ void metadata_deriver::derive(const std::string& path) {
   if (!summary.usable()) {
     if (summary.status == capture_status::read_failed && summary.error_number == ENOENT) return;
     _counters.failures.fetch_add(1);
+    if (_unusable.size() >= MAX_QUEUED) _unusable.clear();  // bounded; forgetting only costs a second read
+    _unusable[path] = version;
     if (_log != nullptr) {
       _log->write(cdl::log_priority::warning, "%s: cannot derive its metadata (%s%s%s); it stays catalogued without times", path,
                     to_string(summary.status), summary.message.empty() ? "" : ": ", summary.message);

@@ -43,6 +43,7 @@
 #include <cdl/task_system.hpp>
 
 #include <atomic>
+#include <cstdint>
 #include <condition_variable>
 #include <deque>
 #include <map>
@@ -136,6 +137,10 @@ class metadata_deriver {
   bool _said_unsupported = false;
   bool _said_full = false;
   std::map<std::string, std::pair<unsigned long, attribute_values>> _in_memory;  // path -> (size, values)
+  // Files found unusable, by path -> (size, modification time in ns): a file
+  // offered again unchanged (a second start-up scan, another event) is not
+  // read, logged or counted again. Touched by the deriver's thread only.
+  std::map<std::string, std::pair<uint64_t, uint64_t>> _unusable;
   std::thread _thread;
 };
 
