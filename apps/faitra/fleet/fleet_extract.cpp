@@ -163,6 +163,10 @@ int run_fleet_extract(const extract_options& o) {
   std::vector<stream_merge::stream_result> results;
   {
     fetch_threads joined{fetches};  // destroyed after the merge, which closes the reading ends
+    // A Client built from a URL first compiles cpp-httplib's URL pattern, a
+    // function-local static; building one here, before the fetch threads,
+    // keeps that one-time set-up out of their way.
+    { const httplib::Client warm_up("http://127.0.0.1:1"); }
     stream_merge merge(read_fds);
     for (sensor_fetch& f : fetches) {
       if (f.endpoint.url.empty()) {
