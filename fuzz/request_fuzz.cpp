@@ -4,14 +4,14 @@
 // first newline, then the body (for the Authorization check: the header
 // values, one per line, the last line being the token). Allowed outcome: a
 // parsed request, or faitra_cli::api_error with status 400, 401 (the
-// Authorization check only) or 413 and a message. Properties of a parsed
-// request: ranges are never inverted, a limit is at least 1, a path or key
-// is never empty, a path or mode holds no NUL byte, a timeline has 1 to 1000
-// buckets, a mode is one of the three names, a nanosecond cut-off cannot
-// overflow, a packets request has a window, limits of at least 1 and a
-// filter within its bound, an accepted Authorization header names the
-// token, and a hold names a window or paths, with a reason, and no text
-// holds a NUL byte.
+// Authorization check only: 400 there for several headers or a NUL byte) or
+// 413 and a message. Properties of a parsed request: ranges are never
+// inverted, a limit is at least 1, a path or key is never empty, a path or
+// mode holds no NUL byte, a timeline has 1 to 1000 buckets, a mode is one of
+// the three names, a nanosecond cut-off cannot overflow, a packets request
+// has a window, limits of at least 1 and a filter within its bound, an
+// accepted Authorization header names the token, and a hold names a window
+// or paths, with a reason, and no text holds a NUL byte.
 #include "fuzz_check.hpp"
 
 #include "api_request.hpp"
@@ -92,7 +92,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
           check_authorization(lines, token);
           FUZZ_CHECK(lines.size() == 1 && lines[0].find(token) != std::string::npos);
         } catch (const api_error& e) {
-          FUZZ_CHECK(e.status() == (lines.size() > 1 ? 400 : 401));
+          const bool malformed = lines.size() > 1 || (lines.size() == 1 && lines[0].find('\0') != std::string::npos);
+          FUZZ_CHECK(e.status() == (malformed ? 400 : 401));
         }
         break;
       }
