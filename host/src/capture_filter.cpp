@@ -2,6 +2,7 @@
 
 #include <faitra/host/capture_attributes.hpp>
 
+#include <dirent.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -75,8 +76,14 @@ void capture_filter::note(state& s, const std::string& name, const std::string& 
 bool capture_filter::operator()(const std::string& name_or_path) const {
   if (!has_capture_suffix(name_or_path)) return false;
   const std::string name = base_name(name_or_path);
+  const bool bare = name == name_or_path;
+  bool known_regular = false;
+  if (bare) {
+    std::lock_guard<std::mutex> lock(_state->mutex);
+    known_regular = _state->regular_names.contains(name);
+  }
   // The watched directories never change, so they are read without the lock.
-  const entry_kind kind = kind_of(_state->watched_dirs, name_or_path, name == name_or_path);
+  const entry_kind kind = known_regular ? entry_kind::capture : kind_of(_state->watched_dirs, name_or_path, bare);
   if (kind == entry_kind::other) return false;
   std::lock_guard<std::mutex> lock(_state->mutex);
   if (kind == entry_kind::dangling) {
@@ -146,6 +153,26 @@ bool capture_filter::validating() const {
 std::vector<std::string> capture_filter::malformed_paths() const {
   std::lock_guard<std::mutex> lock(_state->mutex);
   return {_state->malformed.begin(), _state->malformed.end()};
+}
+
+void capture_filter::learn_entry_types() {
+  absl::flat_hash_set<std::string> names;
+  for (const std::string& dir : _state->watched_dirs) {
+    DIR* listing = ::opendir(dir.c_str());
+    if (listing == nullptr) continue;
+    while (const dirent* entry = ::readdir(listing)) {
+      if (entry->d_type == DT_REG && has_capture_suffix(entry->d_name)) names.emplace(entry->d_name);
+    }
+    ::closedir(listing);
+  }
+  std::lock_guard<std::mutex> lock(_state->mutex);
+  _state->regular_names = std::move(names);
+}
+
+void capture_filter::forget_entry_types() {
+  absl::flat_hash_set<std::string> names;
+  std::lock_guard<std::mutex> lock(_state->mutex);
+  names.swap(_state->regular_names);
 }
 
 std::vector<scan_problem> capture_filter::problems() const {

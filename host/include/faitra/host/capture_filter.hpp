@@ -28,8 +28,18 @@
 // catalogues those itself with the bad attribute treated as absent. Full
 // paths (the monitor's form) are never refused for their attributes.
 //
+// A start-up scan costs one lstat per name for the type check, unless
+// learn_entry_types() ran first: it reads the watched directories' entry
+// types once (one getdents64 per few hundred names), and until
+// forget_entry_types() a bare name listed there as a regular file is a
+// capture without an lstat. A name replaced by something else in between
+// is still taken as the regular file it was; the monitor's events and the
+// reconcile correct that as they correct any other change during a scan.
+//
 // Thread-safety: all copies share one mutex-protected state.
 #pragma once
+
+#include <absl/container/flat_hash_set.h>
 
 #include <memory>
 #include <mutex>
@@ -67,6 +77,13 @@ class capture_filter {
   // Full paths refused for a malformed attribute, in path order.
   std::vector<std::string> malformed_paths() const;
 
+  // Reads which names of the watched directories are regular files, for the
+  // scan that follows; a directory that cannot be read is left to lstat.
+  void learn_entry_types();
+  // Drops what learn_entry_types() read: later scans (after an overflow)
+  // and the monitor check each name again.
+  void forget_entry_types();
+
  private:
   struct state {
     std::mutex mutex;
@@ -78,6 +95,7 @@ class capture_filter {
     std::vector<scan_problem> problems;
     bool validate = false;
     std::set<std::string> malformed;  // full paths
+    absl::flat_hash_set<std::string> regular_names;  // bare names, while learnt
   };
   // With the state locked: records a problem unless the name has one.
   static void note(state& s, const std::string& name, const std::string& reason);
