@@ -7,14 +7,14 @@ using index_detail::path_slot;
 
 bool fs_path_index::add(entry_ptr&& entry) {
   fs_entry* record = entry.get();
-  if (!_by_path.insert(record).second) return false;
+  if (!_by_path.insert({record->path.data(), record}).second) return false;
   try {
     if (!_prefix_fixed && _ordered.size() == 1) share_prefix_with(record->path);
     // Hinted at the end: capture paths grow, so a new path usually sorts
     // last and is placed without a walk from the root.
     _ordered.insert(_ordered.end(), path_slot(std::move(entry), word_of(record->path)));
   } catch (...) {
-    _by_path.erase(record);
+    _by_path.erase(std::string_view(record->path));
     throw;
   }
   return true;
