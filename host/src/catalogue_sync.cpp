@@ -11,7 +11,10 @@ namespace {
 constexpr size_t CATALOGUE_CHUNK = 10000;
 constexpr size_t FETCH_ROWS = 10000;
 constexpr size_t STATEMENT_ROWS = 5000;
-constexpr size_t COPY_BYTES = 8 << 20;
+// New rows go out in pieces of this size through one COPY, kept open until
+// another statement must run: the server takes each piece in while the next
+// one is made.
+constexpr size_t COPY_PIECE_BYTES = 256 << 10;
 
 constexpr unsigned long BIGINT_MAX = static_cast<unsigned long>(std::numeric_limits<int64_t>::max());
 
@@ -172,6 +175,27 @@ sync_summary resync_sensor(pg_connection& db, const sensor_identity& who, const 
     sql_result rows = db.exec(fetch);
     int di = 0;
     std::string copy;
+    bool copying = false;
+    struct abandon_on_unwind {
+      pg_connection& db;
+      bool& copying;
+      ~abandon_on_unwind() {
+        if (copying) db.copy_abandon();
+      }
+    } abandon{db, copying};
+    const auto send_copy = [&] {
+      if (!copying) db.copy_begin(COPY_ROWS);
+      copying = true;
+      db.copy_put(copy);
+      copy.clear();
+    };
+    // Ends the open COPY, if any, so that another statement can run.
+    const auto end_copy = [&] {
+      if (!copy.empty()) send_copy();
+      if (!copying) return;
+      copying = false;
+      db.copy_end();
+    };
     upsert_batch changed;
     std::vector<pg_param> gone;
     unsigned long longest = 0;
@@ -184,6 +208,7 @@ sync_summary resync_sensor(pg_connection& db, const sensor_identity& who, const 
         ci = 0;
       }
       if (di == rows.rows() && rows.rows() > 0) {
+        end_copy();
         rows = db.exec(fetch);
         di = 0;
       }
@@ -193,7 +218,10 @@ sync_summary resync_sensor(pg_connection& db, const sensor_identity& who, const 
       const int order = !have_record ? 1 : !have_row ? -1 : chunk[ci].path.compare(rows.text(di, 0));
       if (order > 0) {  // a row whose capture is no longer catalogued
         gone.emplace_back(rows.text(di++, 0));
-        if (gone.size() >= STATEMENT_ROWS) summary.deleted += delete_paths(db, who, gone);
+        if (gone.size() >= STATEMENT_ROWS) {
+          end_copy();
+          summary.deleted += delete_paths(db, who, gone);
+        }
         continue;
       }
       const csl::fs_entry& record = chunk[ci++];
@@ -203,17 +231,17 @@ sync_summary resync_sensor(pg_connection& db, const sensor_identity& who, const 
       if (order < 0) {  // not in the table yet
         append_copy_row(copy, who, record, fields);
         ++summary.inserted;
-        if (copy.size() >= COPY_BYTES) {
-          db.copy_in(COPY_ROWS, copy);
-          copy.clear();
-        }
+        if (copy.size() >= COPY_PIECE_BYTES) send_copy();
       } else {
         if (!fields.same_as(rows, di)) changed.add(record, fields);
         ++di;
-        if (changed.size() >= STATEMENT_ROWS) summary.updated += changed.flush(db, who);
+        if (changed.size() >= STATEMENT_ROWS) {
+          end_copy();
+          summary.updated += changed.flush(db, who);
+        }
       }
     }
-    if (!copy.empty()) db.copy_in(COPY_ROWS, copy);
+    end_copy();
     summary.updated += changed.flush(db, who);
     summary.deleted += delete_paths(db, who, gone);
     db.exec("CLOSE faitra_rows");

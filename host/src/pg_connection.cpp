@@ -178,17 +178,27 @@ std::vector<unsigned long> pg_connection::exec_together(const std::vector<statem
 }
 
 unsigned long pg_connection::copy_in(const std::string& sql, const std::string& data) {
-  {
-    ::pg_result* start = PQexec(_conn, sql.c_str());
-    const bool ready = PQresultStatus(start) == PGRES_COPY_IN;
-    const std::string error = ready ? "" : trimmed_error(PQresultErrorMessage(start));
-    PQclear(start);
-    if (!ready) throw pg_error("COPY refused: " + error);
-  }
+  copy_begin(sql);
+  copy_put(data);
+  return copy_end();
+}
+
+void pg_connection::copy_begin(const std::string& sql) {
+  ::pg_result* start = PQexec(_conn, sql.c_str());
+  const bool ready = PQresultStatus(start) == PGRES_COPY_IN;
+  const std::string error = ready ? "" : trimmed_error(PQresultErrorMessage(start));
+  PQclear(start);
+  if (!ready) throw pg_error("COPY refused: " + error);
+}
+
+void pg_connection::copy_put(const std::string& data) {
   for (size_t at = 0; at < data.size(); at += COPY_PIECE) {
     const size_t piece = std::min(COPY_PIECE, data.size() - at);
     if (PQputCopyData(_conn, data.data() + at, static_cast<int>(piece)) != 1) fail("COPY failed");
   }
+}
+
+unsigned long pg_connection::copy_end() {
   if (PQputCopyEnd(_conn, nullptr) != 1) fail("COPY failed");
   unsigned long rows = 0;
   std::string error;
@@ -199,6 +209,11 @@ unsigned long pg_connection::copy_in(const std::string& sql, const std::string& 
   }
   if (!error.empty()) throw pg_error("COPY failed: " + error);
   return rows;
+}
+
+void pg_connection::copy_abandon() noexcept {
+  if (PQputCopyEnd(_conn, "abandoned by the sender") != 1) return;
+  while (::pg_result* raw = PQgetResult(_conn)) PQclear(raw);
 }
 
 std::string pg_connection::literal(const std::string& text) const {

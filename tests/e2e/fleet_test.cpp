@@ -8,6 +8,8 @@
 #include "support/postgres_server.hpp"
 
 #include <faitra/host/capture_reader.hpp>
+#include <faitra/host/catalogue_schema.hpp>
+#include <faitra/host/catalogue_sync.hpp>
 #include <faitra/host/change_queue.hpp>
 #include <faitra/host/pg_connection.hpp>
 
@@ -350,6 +352,48 @@ TEST(ChangeQueueTest, OverflowsIntoOneResyncAndQueuesEachPathOnce) {
   EXPECT_FALSE(queue.take_resync().has_value());
   queue.note("h");
   EXPECT_EQ(queue.depth(), 1U);
+}
+
+// A resync over a table that holds some rows as they are, some changed,
+// some of captures long gone, interleaved in path order and in numbers past
+// every batch size: the COPY of new rows must be closed around each fetch,
+// update and delete, and the table must end equal to the catalogue.
+TEST(CatalogueSyncTest, AResyncMakesTheTableEqualTheCatalogueWhateverItHeld) {
+  faitra_test::postgres_server pg;
+  if (!pg.available()) GTEST_SKIP() << pg.reason();
+  faitra_host::pg_connection db(pg.conninfo(), pg.password_file());
+  faitra_host::ensure_schema(db);
+  const faitra_host::sensor_identity who{"s1", "/srv", ""};
+  csl::fs_cache catalogue;
+  std::string table_rows;
+  rows expected;
+  for (unsigned i = 0; i < 48000; ++i) {
+    char path[64];
+    std::snprintf(path, sizeof path, "/srv/sensor-ring-buffer-capture-%06u.pcap", i);
+    const unsigned kind = i % 8;  // 0-3 new, 4 and 5 the same, 6 changed, 7 gone
+    if (kind >= 4) {
+      const unsigned long size = kind == 6 ? 1 : 100 + i;
+      table_rows += std::string("s1\t/srv\t") + path + "\tk\t5\t\\N\t\\N\t" + std::to_string(size) + "\n";
+    }
+    if (kind == 7) continue;
+    auto record = std::make_shared<csl::fs_entry>(path);
+    record->key = "k";
+    record->creation_ts = 5;
+    record->file_size = 100 + i;
+    catalogue.insert(std::move(record));
+    expected[path] = "k 5 null null " + std::to_string(100 + i) + " ";
+  }
+  faitra_host::in_transaction(db, [&] {
+    return db.copy_in("COPY faitra_captures (sensor, root, path, key, creation_ts, start_ts, end_ts, file_size) "
+                      "FROM STDIN",
+                      table_rows);
+  });
+  const faitra_host::sync_summary summary = faitra_host::resync_sensor(db, who, catalogue, [] { return false; });
+  EXPECT_EQ(summary.catalogued, 42000U);
+  EXPECT_EQ(summary.inserted, 24000U);
+  EXPECT_EQ(summary.updated, 6000U);
+  EXPECT_EQ(summary.deleted, 6000U);
+  EXPECT_EQ(table_of(pg, "s1"), expected);
 }
 
 TEST(PgConnectionTest, RefusesAConnectionStringThatCarriesAPassword) {

@@ -82,6 +82,16 @@ class pg_connection {
 
   // COPY ... FROM STDIN with `data` in COPY's text format; the rows copied.
   unsigned long copy_in(const std::string& sql, const std::string& data);
+  // The same COPY fed piece by piece: copy_put() sends without waiting for
+  // the server, which takes the rows in while the caller makes the next
+  // ones; copy_end() waits for it and returns the rows copied. No other
+  // statement may run on the connection in between.
+  void copy_begin(const std::string& sql);
+  void copy_put(const std::string& data);
+  unsigned long copy_end();
+  // Ends an open COPY with an error, so that nothing of it is kept and the
+  // connection can roll back; never raises.
+  void copy_abandon() noexcept;
 
   // A literal with the server's quoting, for statements that take no
   // parameters (COPY (query) TO STDOUT).
