@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <string_view>
 
 namespace faitra_host {
 
@@ -56,7 +57,7 @@ capture_filter::capture_filter(std::vector<std::string> suffixes, std::set<std::
   _state->watched_dirs = std::move(watched_dirs);
 }
 
-bool capture_filter::has_capture_suffix(const std::string& name_or_path) const {
+bool capture_filter::has_capture_suffix(std::string_view name_or_path) const {
   for (const std::string& suffix : _state->suffixes) {
     if (name_or_path.size() > suffix.size() &&
         name_or_path.compare(name_or_path.size() - suffix.size(), suffix.size(), suffix) == 0) {
@@ -80,7 +81,7 @@ bool capture_filter::operator()(const std::string& name_or_path) const {
   bool known_regular = false;
   if (bare) {
     std::lock_guard<std::mutex> lock(_state->mutex);
-    known_regular = _state->regular_names.contains(name);
+    known_regular = _state->learnt.regular_file(name);
   }
   // The watched directories never change, so they are read without the lock.
   const entry_kind kind = known_regular ? entry_kind::capture : kind_of(_state->watched_dirs, name_or_path, bare);
@@ -155,24 +156,41 @@ std::vector<std::string> capture_filter::malformed_paths() const {
   return {_state->malformed.begin(), _state->malformed.end()};
 }
 
+bool capture_filter::learnt_types::regular_file(const std::string& name) {
+  // Names deleted since they were learnt are stepped over; one created since
+  // is not listed and gets its lstat.
+  constexpr size_t LOOK_AHEAD = 16;
+  for (size_t i = next; i < ends.size() && i < next + LOOK_AHEAD; ++i) {
+    const size_t begin = i == 0 ? 0 : ends[i - 1];
+    if (std::string_view(names).substr(begin, ends[i] - begin) == name) {
+      next = i + 1;
+      return regular[i];
+    }
+  }
+  return false;
+}
+
 void capture_filter::learn_entry_types() {
-  absl::flat_hash_set<std::string> names;
+  learnt_types learnt;
   for (const std::string& dir : _state->watched_dirs) {
     DIR* listing = ::opendir(dir.c_str());
     if (listing == nullptr) continue;
     while (const dirent* entry = ::readdir(listing)) {
-      if (entry->d_type == DT_REG && has_capture_suffix(entry->d_name)) names.emplace(entry->d_name);
+      if (!has_capture_suffix(entry->d_name)) continue;
+      learnt.names.append(entry->d_name);
+      learnt.ends.push_back(learnt.names.size());
+      learnt.regular.push_back(entry->d_type == DT_REG);
     }
     ::closedir(listing);
   }
   std::lock_guard<std::mutex> lock(_state->mutex);
-  _state->regular_names = std::move(names);
+  _state->learnt = std::move(learnt);
 }
 
 void capture_filter::forget_entry_types() {
-  absl::flat_hash_set<std::string> names;
+  learnt_types learnt;
   std::lock_guard<std::mutex> lock(_state->mutex);
-  names.swap(_state->regular_names);
+  std::swap(learnt, _state->learnt);
 }
 
 std::vector<scan_problem> capture_filter::problems() const {

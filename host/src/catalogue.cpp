@@ -26,13 +26,13 @@ catalogue build_catalogue(cdl::task_listener_group& group, const std::string& ro
                           const std::set<std::string>& paths, bool monitor, const capture_filter& filter,
                           cdl::log* log) {
   capture_filter shared = filter;  // copies share their state
-  shared.learn_entry_types();
   struct forgetter {
     capture_filter& filter;
     ~forgetter() { filter.forget_entry_types(); }
   } forget_after_scan{shared};
   for (;;) {
     auto cache = std::make_shared<csl::fs_cache>();
+    shared.learn_entry_types();  // for each scan: the names are offered again from the start
     try {
       auto tracker = std::make_shared<csl::fs_tracker>(group, cache, root, paths, monitor, shared, 0, log);
       shared.forget_entry_types();  // the monitor runs already: it checks every name

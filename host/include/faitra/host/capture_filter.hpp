@@ -30,21 +30,22 @@
 //
 // A start-up scan costs one lstat per name for the type check, unless
 // learn_entry_types() ran first: it reads the watched directories' entry
-// types once (one getdents64 per few hundred names), and until
-// forget_entry_types() a bare name listed there as a regular file is a
-// capture without an lstat. A name replaced by something else in between
-// is still taken as the regular file it was; the monitor's events and the
-// reconcile correct that as they correct any other change during a scan.
+// types once (one getdents64 per few hundred names), in the order the scan
+// will offer the names, and until forget_entry_types() a bare name found
+// there (at the scan's place in that order, or a few names further on) as
+// a regular file is a capture without an lstat. Any other name is looked
+// at as before. A name replaced by something else in between is still
+// taken as the regular file it was; the monitor's events and the reconcile
+// correct that as they correct any other change during a scan.
 //
 // Thread-safety: all copies share one mutex-protected state.
 #pragma once
-
-#include <absl/container/flat_hash_set.h>
 
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace faitra_host {
@@ -68,7 +69,7 @@ class capture_filter {
   void exclude(const std::string& name, const std::string& reason);
   std::vector<scan_problem> problems() const;
 
-  bool has_capture_suffix(const std::string& name_or_path) const;
+  bool has_capture_suffix(std::string_view name_or_path) const;
 
   // From now on, scans check the numeric attributes before the library
   // reads them.
@@ -85,6 +86,18 @@ class capture_filter {
   void forget_entry_types();
 
  private:
+  // The names with a capture suffix of the watched directories, in
+  // directory order, each with whether it was a regular file; `next` is
+  // where the scan has got to.
+  struct learnt_types {
+    std::string names;         // one after another
+    std::vector<size_t> ends;  // where each name ends in `names`
+    std::vector<bool> regular;
+    size_t next = 0;
+    // Whether `name` is listed as a regular file at `next` or a few names
+    // on; moves `next` past it when it is listed.
+    bool regular_file(const std::string& name);
+  };
   struct state {
     std::mutex mutex;
     std::vector<std::string> suffixes;
@@ -95,7 +108,7 @@ class capture_filter {
     std::vector<scan_problem> problems;
     bool validate = false;
     std::set<std::string> malformed;  // full paths
-    absl::flat_hash_set<std::string> regular_names;  // bare names, while learnt
+    learnt_types learnt;
   };
   // With the state locked: records a problem unless the name has one.
   static void note(state& s, const std::string& name, const std::string& reason);
