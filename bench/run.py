@@ -2,7 +2,7 @@
 """Runs every benchmark of bench/ and writes docs/performance.md with its plots.
 
     bench/run.py [--build build/bench] [--docs docs] [--quick] [--only packets|hard-limit|fleet]
-                 [--fleet-captures N]
+                 [--fleet-captures N] [--rerun STAGE,...]
 
 The scan's capture directories ($TMPDIR/faitra-bench-captures-N) are written
 once and kept for later runs; `--clean-data` removes them. Each benchmark
@@ -10,7 +10,9 @@ repeats several times; the report gives medians with min and
 max. Results also go to BUILD/bench-results.json. `--only packets` runs the
 packet-retrieval benchmark alone and rewrites only its section of
 docs/performance.md. Needs the programs built by
-the `bench` CMake preset, gnuplot for the plots and root for the cleanup's
+the `bench` CMake preset; `--rerun scan,index` measures those stages again
+into the last BUILD/bench-results.json and writes the whole report anew,
+naming the stages and the time of the rerun. Needs gnuplot for the plots and root for the cleanup's
 tmpfs; linux-perf is optional (the profile section is left out without it).
 The central catalogue's benchmarks (bench/fleet.py) start a PostgreSQL server
 of their own; `--only fleet` runs just those and rewrites just their section.
@@ -454,6 +456,8 @@ def main():
                         help="run one benchmark and replace only its section of performance.md")
     parser.add_argument("--fleet-captures", type=int, default=1000000,
                         help="captures of the resync and of each sensor in `fleet ls` (the targets are at 1M)")
+    parser.add_argument("--rerun", help="stages to measure again into the last results (comma-separated), "
+                        "e.g. scan,index; the rest of the report keeps its figures")
     parser.add_argument("--report-only", action="store_true",
                         help="write docs/performance.md again from BUILD/bench-results.json, measuring nothing")
     args = parser.parse_args()
@@ -497,7 +501,8 @@ def main():
                "cpus": os.cpu_count(), "kernel": os.uname().release}
     results_file = os.path.join(args.build, "bench-results.json")
     stages = [
-        ("scan", lambda: scan(tools, [10000, 100000], reps)),
+        # The scan's runs spread most (page and inode caches, a shared machine): more rounds.
+        ("scan", lambda: scan(tools, [10000, 100000], 2 * reps - 1)),
         ("index", lambda: index_operations(tools, reps, 0.2)),
         ("comparison", lambda: comparison(tools, 7 if not args.quick else 3)),
         ("memory", lambda: memory(tools, 3 if not args.quick else 1)),
@@ -510,12 +515,26 @@ def main():
         ("profile", lambda: profiles(tools)),
         ("fleet", lambda: fleet.run(args.build, args.quick, args.fleet_captures)),
     ]
+    if args.rerun:
+        chosen = args.rerun.split(",")
+        unknown = [name for name in chosen if name not in dict(stages)]
+        if unknown:
+            parser.error(f"unknown stage {', '.join(unknown)}; stages: {', '.join(n for n, _ in stages)}")
+        with open(results_file) as f:
+            previous = json.load(f)
+        rerun = {"stages": chosen, "started": results["started"], "load_before": results["load_before"]}
+        results = previous
+        stages = [(name, stage) for name, stage in stages if name in chosen]
+        results["rerun"] = rerun
     for name, stage in stages:
         results[name] = stage()
         # Written after every stage, so a run that fails late keeps what it measured.
         with open(results_file, "w") as f:
             json.dump(results, f, indent=1)
-    results["load_after"] = os.getloadavg()
+    if args.rerun:
+        results["rerun"]["load_after"] = os.getloadavg()
+    else:
+        results["load_after"] = os.getloadavg()
     with open(results_file, "w") as f:
         json.dump(results, f, indent=1)
     report.write(results, args.docs, quick=args.quick)
