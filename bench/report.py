@@ -157,8 +157,10 @@ def write(results, docs, quick=False):
         p("")
         p("**Quick run** (`--quick`): fewer repetitions and no cleanup run with its pauses.")
     p("")
-    p("Figures are medians over repeated runs, with min-max in brackets. The machine is shared "
-      "(other builds ran at the same time), so wall times carry noise; scan ratios are also given on "
+    busy = max(results["load_before"][0], results["load_after"][0]) > results["cpus"]
+    p("Figures are medians over repeated runs, with min-max in brackets. The machine is shared"
+      + (" (other builds ran at the same time)" if busy else "")
+      + ", so wall times carry noise; scan ratios are also given on "
       "CPU time (user + system) of each process, which load disturbs less.")
     p("")
 
