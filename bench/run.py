@@ -9,10 +9,10 @@ once and kept for later runs; `--clean-data` removes them. Each benchmark
 repeats several times; the report gives medians with min and
 max. Results also go to BUILD/bench-results.json. `--only packets` runs the
 packet-retrieval benchmark alone and rewrites only its section of
-docs/performance.md. Needs the programs built by
-the `bench` CMake preset; `--rerun scan,index` measures those stages again
-into the last BUILD/bench-results.json and writes the whole report anew,
-naming the stages and the time of the rerun. Needs gnuplot for the plots and root for the cleanup's
+docs/performance.md. `--rerun scan,index` measures those stages again into
+the last BUILD/bench-results.json and writes the whole report anew, naming
+the stages and the time of the rerun. Needs the programs built by the
+`bench` CMake preset, gnuplot for the plots and root for the cleanup's
 tmpfs; linux-perf is optional (the profile section is left out without it).
 The central catalogue's benchmarks (bench/fleet.py) start a PostgreSQL server
 of their own; `--only fleet` runs just those and rewrites just their section.

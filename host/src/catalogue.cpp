@@ -26,6 +26,8 @@ catalogue build_catalogue(cdl::task_listener_group& group, const std::string& ro
                           const std::set<std::string>& paths, bool monitor, const capture_filter& filter,
                           cdl::log* log) {
   capture_filter shared = filter;  // copies share their state
+  // The learnt types are for the start-up scan only: later scans (after an
+  // overflow) and the monitor check each name again.
   struct forgetter {
     capture_filter& filter;
     ~forgetter() { filter.forget_entry_types(); }
@@ -35,7 +37,6 @@ catalogue build_catalogue(cdl::task_listener_group& group, const std::string& ro
     shared.learn_entry_types();  // for each scan: the names are offered again from the start
     try {
       auto tracker = std::make_shared<csl::fs_tracker>(group, cache, root, paths, monitor, shared, 0, log);
-      shared.forget_entry_types();  // the monitor runs already: it checks every name
       return {cache, tracker, catalogue_leniently(*cache, shared.malformed_paths())};
     } catch (const cdl::exception& e) {
       const bool attribute = dynamic_cast<const cdl::unrecognized_value_error*>(&e) != nullptr ||

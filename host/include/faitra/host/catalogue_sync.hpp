@@ -8,8 +8,9 @@
 // for long) side by side, and sends only the differences: rows the table
 // lacks go in by COPY, rows that differ are updated, rows whose capture is
 // gone are deleted. One COPY stays open until another statement must run,
-// fed in pieces, so the server stores rows while the next ones are made. A resync of an unchanged catalogue writes nothing but
-// the sensor's row. The catalogue may change while it is walked; the caller
+// fed in pieces, so the server stores rows while the next ones are made.
+// A resync of an unchanged catalogue writes nothing but the sensor's row.
+// The catalogue may change while it is walked; the caller
 // sends those changes afterwards as live changes (they are noted from
 // before the walk begins), so the table converges.
 //
